@@ -6,7 +6,13 @@
 // flush rewrites the bytes that share those sectors exactly as they were read.
 #include "volume.hpp"
 
+#include <cstring>
+
+#include "bitmap.hpp"
+#include "btree.hpp"
+#include "catalog.hpp"
 #include "device_unix.hpp"
+#include "extents.hpp"
 #include "support_unix.hpp"
 
 namespace {
@@ -14,9 +20,12 @@ constexpr const char* kLogSource = "volume";
 }
 
 struct morv_volume_private {
+  morv_rwlock* label_lock;  // guards the cached label only
   uint8_t* header_buffer;
   size_t header_buffer_length;
   uint8_t* header;
+  uint16_t label_length;
+  uint8_t label[2 * 256];  // big-endian units, as in the root folder's key
 };
 
 morv_err morv_volume_read_header(morv_device* device, uint8_t** buffer, size_t* buffer_length,
@@ -92,4 +101,222 @@ void morv_volume_set_next_allocation(morv_volume* volume, uint32_t value) {
 }
 void morv_volume_increment_next_catalog_id(morv_volume* volume) {
   add_to_field(volume, vh::kNextCatalogId, 1);
+}
+
+// ---- Set-up and teardown ----
+
+namespace {
+
+// What set-up hands to create: the objects it opened and the private part.
+struct volume_parts {
+  morv_bitmap* bitmap = nullptr;
+  morv_extents* extents = nullptr;
+  morv_catalog* catalog = nullptr;
+  morv_btree* attributes = nullptr;
+  morv_volume_private* priv = nullptr;
+};
+
+// Finds the root folder record through its thread. On success `root` holds
+// an exact match with a locator.
+morv_err find_root_folder(morv_catalog* catalog, morv_catalog_search_result* root,
+                          const char* lookup_message, const char* missing_message) {
+  if (morv_err err = morv_catalog_search_by_cnid(catalog, kRootFolderCnid, 1, root)) {
+    morv_log(kLogSource, __LINE__, "morv_volume_setup", "ERROR", "%s", lookup_message);
+    return err;
+  }
+  if (!root->locator) {
+    MORV_CRITICAL("Unexpected: morv_catalog_search_by_cnid returned NULL locator but no error.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  if (!root->exact_match) {
+    morv_log(kLogSource, __LINE__, "morv_volume_setup", "ERROR", "%s", missing_message);
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
+morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, volume_parts* out) {
+  volume_parts parts;
+  uint8_t* buffer = nullptr;
+  morv_rwlock* label_lock = nullptr;
+  morv_catalog_search_result root;
+  morv_catalog_search_result_init(&root);
+  morv::scope_exit cleanup([&] {
+    if (label_lock && morv_rwlock_destroy(&label_lock))
+      MORV_WARNING("Error while destroying volume label lock on cleanup. Ignoring...\n");
+    morv_catalog_search_result_release(&root);
+    if (parts.bitmap) morv_bitmap_destroy(&parts.bitmap);
+    if (parts.attributes) morv_btree_destroy(&parts.attributes);
+    if (parts.catalog) morv_catalog_destroy(&parts.catalog);
+    if (parts.extents) morv_extents_destroy(&parts.extents);
+    morv_free(buffer);
+    morv_free(parts.priv);
+  });
+
+  parts.priv = static_cast<morv_volume_private*>(morv_calloc(1, sizeof(morv_volume_private)));
+  if (!parts.priv) {
+    MORV_ERROR("Error while allocating memory for morv_volume_private.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  size_t buffer_length = 0;
+  uint8_t* header = nullptr;
+  if (morv_err err = morv_volume_read_header(device, &buffer, &buffer_length, &header)) return err;
+  const char* kind = nullptr;
+  if (morv_err err = morv_volume_check_signature(header, &kind)) return err;
+  if (morv_err err = morv_extents_create(device, header, &parts.extents)) {
+    MORV_ERROR("Error while loading extents overflow file from HFS%s volume.\n", kind);
+    return err;
+  }
+  if (morv_err err = morv_catalog_create(device, parts.extents, header, &parts.catalog)) {
+    MORV_ERROR("Error while loading catalog file.\n");
+    return err;
+  }
+  if (!skip_allocation_file) {
+    if (morv_err err = morv_bitmap_create(header, device, parts.extents, &parts.bitmap)) {
+      MORV_ERROR("Unable to load allocation file.\n");
+      return err;
+    }
+  }
+  if (morv_err err = find_root_folder(parts.catalog, &root, "Error while looking up root directory.\n",
+                                      "Root directory not found!\n"))
+    return err;
+  if (morv_err err = morv_rwlock_create(&label_lock)) {
+    MORV_ERROR("Error while creating volume lock.\n");
+    return err;
+  }
+  const uint8_t* key = root.locator->btree_locator->key;
+  const uint16_t label_length = load_be16(key + catalog::kKeyNameLength);
+  if (label_length > catalog::kMaxNameLength) {
+    // No newline: the next message continues this line.
+    MORV_ERROR("Invalid volume label length: %hu", label_length);
+    return MORV_ERR_CORRUPT;
+  }
+  morv_volume_private* priv = parts.priv;
+  memset(priv, 0, sizeof(*priv));
+  priv->header_buffer = buffer;
+  priv->header_buffer_length = buffer_length;
+  priv->header = header;
+  priv->label_lock = label_lock;
+  priv->label_length = label_length;
+  memcpy(priv->label, key + catalog::kKeyName, 2 * size_t{label_length});
+  morv_catalog_search_result_release(&root);
+  cleanup.release();
+  *out = parts;
+  return MORV_OK;
+}
+
+morv_err morv_volume_create(morv_device* device, uint32_t skip_allocation_file, morv_volume** out) {
+  auto* volume = static_cast<morv_volume*>(morv_calloc(1, sizeof(morv_volume)));
+  if (!volume) {
+    MORV_ERROR("Error while allocating memory for morv_volume.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  volume_parts parts;
+  if (morv_err err = morv_volume_setup(device, skip_allocation_file, &parts)) {
+    MORV_ERROR("Error while setting up HFS volume.\n");
+    morv_free(volume);
+    return err;
+  }
+  volume->device = device;
+  volume->header = parts.priv->header;
+  volume->label_length = &parts.priv->label_length;
+  volume->label = parts.priv->label;
+  volume->bitmap = parts.bitmap;
+  volume->extents = parts.extents;
+  volume->catalog = parts.catalog;
+  volume->attributes = parts.attributes;
+  volume->priv = parts.priv;
+  *out = volume;
+  return MORV_OK;
+}
+
+void morv_volume_destroy(morv_volume** volume_pointer) {
+  morv_volume* volume = *volume_pointer;
+  morv_volume_private* priv = volume->priv;
+  if (morv_err err = morv_rwlock_destroy(&priv->label_lock))
+    MORV_CRITICAL("Error %llu while destroying volume label lock.\n", morv_ull(err));
+  if (volume->bitmap) morv_bitmap_destroy(&volume->bitmap);
+  if (volume->attributes) morv_btree_destroy(&volume->attributes);
+  morv_catalog_destroy(&volume->catalog);
+  morv_extents_destroy(&volume->extents);
+  morv_free(priv->header_buffer);
+  morv_free(priv);
+  memset(volume, 0, sizeof(*volume));
+  morv_free(volume);
+  *volume_pointer = nullptr;
+}
+
+// ---- Label change ----
+
+morv_err morv_volume_set_label(morv_volume* volume, const uint16_t* label, size_t count) {
+  if (count > catalog::kMaxNameLength) {
+    MORV_ERROR("Label length (%zu) too large.\n", count);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  morv_catalog_search_result root;
+  morv_catalog_search_result_init(&root);
+  morv_err err = morv_catalog_search_by_cnid(volume->catalog, kRootFolderCnid, 1, &root);
+  bool locked = false;
+  do {
+    if (err) {
+      MORV_ERROR("Error while looking up catalog record of root directory.\n");
+      break;
+    }
+    if (!root.locator) {
+      MORV_CRITICAL("Unexpected: morv_catalog_search_by_cnid returned NULL locator but no error.\n");
+      err = MORV_ERR_INTERNAL;
+      break;
+    }
+    if (!root.exact_match) {
+      MORV_ERROR("Could not find catalog record of root directory.\n");
+      err = MORV_ERR_CORRUPT;
+      break;
+    }
+    // The root folder keeps its parent (CNID 1, passed in on-disk order).
+    uint8_t parent_be[4];
+    store_be32(parent_be, kRootParentCnid);
+    uint32_t parent;
+    memcpy(&parent, parent_be, 4);
+    if ((err = morv_catalog_rename_record(volume->catalog, &root.locator, parent, label, count))) {
+      MORV_ERROR("Error while renaming record.\n");
+      break;
+    }
+    // The lock guards only the cached copy, not the catalog.
+    if ((err = morv_rwlock_lock_write(volume->priv->label_lock))) {
+      MORV_ERROR("Error while acquiring exclusive volume lock.\n");
+      break;
+    }
+    locked = true;
+    memcpy(volume->priv->label, label, 2 * count);
+    volume->priv->label_length = static_cast<uint16_t>(count);
+  } while (false);
+
+  if (root.locator) {
+    if (!err) MORV_WARNING("'loc' non-NULL (%p) on successful return.\n", static_cast<void*>(root.locator));
+    morv_catalog_search_result_release(&root);
+  }
+  if (locked) {
+    if (morv_err unlock = morv_rwlock_unlock(volume->priv->label_lock)) {
+      MORV_CRITICAL("Error while unlocking volume lock.\n");
+      if (!err) err = unlock;
+    }
+  }
+  return err;
+}
+
+void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint8_t* fork_data) {
+  size_t offset = 0;
+  switch (cnid) {
+    case kExtentsFileCnid: offset = vh::kExtentsFile; break;
+    case kCatalogFileCnid: offset = vh::kCatalogFile; break;
+    case kAllocationFileCnid: offset = vh::kAllocationFile; break;
+    case kStartupFileCnid: offset = vh::kStartupFile; break;
+    case kAttributesFileCnid: offset = vh::kAttributesFile; break;
+    default:
+      MORV_CRITICAL("Unexpected catalog node ID for volume header file: %lu", morv_ul(cnid));
+      return;
+  }
+  memcpy(volume->header + offset, fork_data, forkdata::kSize);
 }

@@ -32,6 +32,21 @@ struct morv_volume {
   morv_volume_private* priv;
 };
 
+// Opens the volume on `device`: header, extents overflow tree, catalog, the
+// allocation file unless `skip_allocation_file`, the root folder and its name
+// (the label). Nothing is left behind on failure.
+[[nodiscard]] morv_err morv_volume_create(morv_device* device, uint32_t skip_allocation_file,
+                                          morv_volume** out);
+// Releases everything the volume owns without flushing; clears the handle.
+void morv_volume_destroy(morv_volume** volume);
+
+// Renames the root folder to `count` big-endian units and caches the new
+// label. Only the catalog changes.
+[[nodiscard]] morv_err morv_volume_set_label(morv_volume* volume, const uint16_t* label,
+                                             size_t count);
+// Replaces the in-memory fork data of special file `cnid` (3, 4, 6, 7, 8).
+void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint8_t* fork_data);
+
 // Reads the sectors holding the header. On success *buffer (to be freed with
 // morv_free), its length in bytes and the header's address inside it are set.
 [[nodiscard]] morv_err morv_volume_read_header(morv_device* device, uint8_t** buffer,

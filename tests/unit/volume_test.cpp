@@ -112,3 +112,196 @@ TEST(VolumeHeader, RefusesOtherSignaturesAndReportsReadAndWriteFailures) {
             std::string::npos);
   EXPECT_EQ(file.read_all(), header_image(vh::kSignatureHfsPlus));
 }
+
+namespace {
+
+// A volume opened over a builder image on its own read/write device.
+struct OpenVolume {
+  explicit OpenVolume(const std::string& args, uint32_t skip_allocation_file = 1) {
+    morv_test::build_image(args, file);
+    fd = open(file.path().c_str(), O_RDWR);
+    EXPECT_EQ(morv_device_create(fd, 0, 512, 0, &device), MORV_OK);
+    err = morv_volume_create(device, skip_allocation_file, &volume);
+  }
+  ~OpenVolume() {
+    if (volume) morv_volume_destroy(&volume);
+    morv_device_destroy(&device);
+    close(fd);
+  }
+  std::u16string label() const {
+    std::u16string units;
+    for (uint16_t i = 0; i < *volume->label_length; ++i) units.push_back(load_be16(volume->label + 2 * i));
+    return units;
+  }
+  morv_test::TempFile file;
+  int fd = -1;
+  morv_device* device = nullptr;
+  morv_volume* volume = nullptr;
+  morv_err err = MORV_OK;
+};
+
+std::vector<uint16_t> big_endian(const std::u16string& text) {
+  std::vector<uint16_t> units(text.size());
+  for (size_t i = 0; i < text.size(); ++i) store_be16(reinterpret_cast<uint8_t*>(&units[i]), text[i]);
+  return units;
+}
+
+std::string open_failure(const std::string& args, morv_err expected, uint32_t skip = 1) {
+  testing::internal::CaptureStderr();
+  OpenVolume v(args, skip);
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(v.err, expected) << log;
+  EXPECT_EQ(v.volume, nullptr);
+  return log;
+}
+
+}  // namespace
+
+TEST(Volume, OpensWithItsLabelAndRefusesDamagedVolumes) {
+  {
+    OpenVolume v("--size 4194304 --label " + std::string(255, 'L') + " --files 4");
+    ASSERT_EQ(v.err, MORV_OK);
+    EXPECT_EQ(v.label(), std::u16string(255, u'L'));
+    EXPECT_EQ(v.volume->bitmap, nullptr);
+    EXPECT_EQ(v.volume->attributes, nullptr);
+  }
+  {
+    OpenVolume v("--size 4194304 --label Bitmap", 0);
+    ASSERT_EQ(v.err, MORV_OK);
+    EXPECT_NE(v.volume->bitmap, nullptr);
+  }
+  std::string log = open_failure("--size 4194304 --label X --corrupt bad-signature", MORV_ERR_GENERIC);
+  EXPECT_NE(log.find("Invalid signature word for HFS+ volume"), std::string::npos);
+  EXPECT_NE(log.find("Error while setting up HFS volume.\n"), std::string::npos);
+  log = open_failure("--size 4194304 --label X --files 3 --corrupt no-root-thread", MORV_ERR_CORRUPT);
+  EXPECT_NE(log.find("Root directory not found!\n"), std::string::npos);
+  log = open_failure("--size 4194304 --label X --corrupt long-root-name", MORV_ERR_CORRUPT);
+  EXPECT_NE(log.find("Invalid volume label length: 256[ERROR"), std::string::npos)
+      << "the message has no line end, so the next one continues its line";
+  log = open_failure("--size 4194304 --label X --corrupt extents-btree-type", MORV_ERR_CORRUPT);
+  EXPECT_NE(log.find("Error while loading extents overflow file from HFS+ volume.\n"), std::string::npos);
+  log = open_failure("--size 4194304 --label X --hfsx --corrupt btree-type", MORV_ERR_CORRUPT);
+  EXPECT_NE(log.find("Error while loading catalog file.\n"), std::string::npos);
+}
+
+TEST(Volume, AllocationFileIsOnlyOpenedWhenAsked) {
+  // An allocation file whose fork data holds an empty extent with a start block.
+  morv_test::TempFile file;
+  morv_test::build_image("--size 4194304 --label Skip", file);
+  auto bytes = file.read_all();
+  uint8_t* extent = &bytes[1024 + vh::kAllocationFile + forkdata::kExtents + forkdata::kExtentSize];
+  store_be32(extent + forkdata::kExtentStartBlock, 77);
+  store_be32(extent + forkdata::kExtentBlockCount, 0);
+  file.write_all(bytes);
+  for (uint32_t skip : {1u, 0u}) {
+    int fd = open(file.path().c_str(), O_RDONLY);
+    morv_device* device = nullptr;
+    ASSERT_EQ(morv_device_create(fd, 1, 512, 0, &device), MORV_OK);
+    morv_volume* volume = nullptr;
+    testing::internal::CaptureStderr();
+    const morv_err err = morv_volume_create(device, skip, &volume);
+    const std::string log = testing::internal::GetCapturedStderr();
+    if (skip) {
+      EXPECT_EQ(err, MORV_OK) << log;
+      morv_volume_destroy(&volume);
+    } else {
+      EXPECT_EQ(err, MORV_ERR_CORRUPT);
+      EXPECT_NE(log.find("Unable to load allocation file.\n"), std::string::npos);
+    }
+    morv_device_destroy(&device);
+    close(fd);
+  }
+}
+
+TEST(Volume, EveryInjectedFailureOfSetUpIsReportedAndLeavesNothing) {
+  morv_test::TempFile file;
+  morv_test::build_image("--size 8388608 --label Faults --files 50 --catalog-fragments 12", file);
+  int fd = open(file.path().c_str(), O_RDONLY);
+  morv_device* device = nullptr;
+  ASSERT_EQ(morv_device_create(fd, 1, 512, 0, &device), MORV_OK);
+  for (unsigned ops : {unsigned{MORV_SEAM_ALLOC}, unsigned{MORV_SEAM_READ}}) {
+    uint64_t n = 1;
+    for (;; ++n) {
+      morv_volume* volume = nullptr;
+      morv_seam_fail_at(ops, n);
+      testing::internal::CaptureStderr();
+      const morv_err err = morv_volume_create(device, 0, &volume);
+      const std::string log = testing::internal::GetCapturedStderr();
+      if (!morv_seam_failure_delivered()) {
+        ASSERT_EQ(err, MORV_OK) << log;
+        morv_volume_destroy(&volume);
+        break;
+      }
+      EXPECT_EQ(err, ops == MORV_SEAM_ALLOC ? MORV_ERR_NO_MEMORY : MORV_ERR_IO) << "n=" << n << log;
+      EXPECT_EQ(volume, nullptr);
+      EXPECT_NE(log.find("Error while setting up HFS volume.\n"), std::string::npos) << log;
+    }
+    EXPECT_GT(n, 5u);
+  }
+  morv_seam_fail_at(0, 0);
+  morv_device_destroy(&device);
+  close(fd);
+}
+
+TEST(VolumeLabel, RenamesTheRootFolderOnlyInTheCatalog) {
+  OpenVolume v("--size 8388608 --block-size 512 --catalog-node-size 512 --label Before --files 120");
+  ASSERT_EQ(v.err, MORV_OK);
+  const auto pristine = v.file.read_all();
+  const std::vector<uint8_t> header_before(v.volume->header, v.volume->header + vh::kSize);
+
+  auto too_long = big_endian(std::u16string(256, u'x'));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_volume_set_label(v.volume, too_long.data(), 256), MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_EQ(testing::internal::GetCapturedStderr().find("Label length (256) too large.\n") != std::string::npos, true);
+  EXPECT_EQ(v.label(), u"Before");
+
+  // Failures before the flush leave the disk untouched, whatever they break
+  // in memory; each is retried on a fresh volume.
+  const auto name = big_endian(std::u16string(255, u'y'));
+  ASSERT_EQ(morv_volume_set_label(v.volume, name.data(), name.size()), MORV_OK);
+  EXPECT_EQ(v.label(), std::u16string(255, u'y'));
+  EXPECT_EQ(v.file.read_all(), pristine);
+  EXPECT_EQ(std::vector<uint8_t>(v.volume->header, v.volume->header + vh::kSize), header_before);
+  ASSERT_EQ(morv_fork_flush(v.volume->catalog->priv->tree->fork), MORV_OK);
+  EXPECT_EQ(morv_test::check_image(v.file.path()), "");
+
+  // update_fork_data touches exactly its field, and refuses CNIDs without one.
+  uint8_t fork_data[forkdata::kSize];
+  memset(fork_data, 0xAB, sizeof fork_data);
+  morv_volume_update_fork_data(v.volume, kCatalogFileCnid, fork_data);
+  auto expected = header_before;
+  memset(&expected[vh::kCatalogFile], 0xAB, forkdata::kSize);
+  EXPECT_EQ(std::vector<uint8_t>(v.volume->header, v.volume->header + vh::kSize), expected);
+  testing::internal::CaptureStderr();
+  morv_volume_update_fork_data(v.volume, kBadBlocksFileCnid, fork_data);
+  morv_volume_update_fork_data(v.volume, 9, fork_data);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Unexpected catalog node ID for volume header file: 5"),
+            std::string::npos);
+  EXPECT_EQ(std::vector<uint8_t>(v.volume->header, v.volume->header + vh::kSize), expected);
+  memcpy(v.volume->header + vh::kCatalogFile, &header_before[vh::kCatalogFile], forkdata::kSize);
+}
+
+TEST(VolumeLabel, InjectedFailuresNeverReachTheDisk) {
+  const std::string args = "--size 8388608 --block-size 512 --catalog-node-size 512 --label Stable --files 200";
+  const auto name = big_endian(u"A much longer label that moves records between nodes");
+  for (unsigned ops : {unsigned{MORV_SEAM_ALLOC}, unsigned{MORV_SEAM_READ}}) {
+    for (uint64_t n = 1;; ++n) {
+      OpenVolume v(args);
+      ASSERT_EQ(v.err, MORV_OK);
+      const auto pristine = v.file.read_all();
+      morv_seam_fail_at(ops, n);
+      testing::internal::CaptureStderr();
+      const morv_err err = morv_volume_set_label(v.volume, name.data(), name.size());
+      const std::string log = testing::internal::GetCapturedStderr();
+      const bool delivered = morv_seam_failure_delivered();
+      morv_seam_fail_at(0, 0);
+      if (!delivered) {
+        ASSERT_EQ(err, MORV_OK);
+        break;
+      }
+      EXPECT_NE(err, MORV_OK) << "n=" << n;
+      EXPECT_EQ(v.label(), u"Stable");
+      EXPECT_EQ(v.file.read_all(), pristine);
+    }
+  }
+}

@@ -1,0 +1,332 @@
+"""End-to-end tests of the morvlabel binary on real volume images.
+
+Images come from the project's image builder (tests/support/mkimage.py) and
+from xorriso; blkid (util-linux) reads labels back independently and the
+volume checker (tests/support/checkimage.py) checks every changed volume.
+
+Environment: MORVLABEL and MORVLABEL_FAULTS (the tool and its
+fault-injection build), MORV_EMULATOR (e.g. qemu-arm, may be empty).
+Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety
+"""
+
+import fcntl
+import hashlib
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unicodedata
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SUPPORT = os.path.join(HERE, "..", "support")
+TOOL = os.environ.get("MORVLABEL", "")
+FAULTY_TOOL = os.environ.get("MORVLABEL_FAULTS", "")
+EMULATOR = [e for e in os.environ.get("MORV_EMULATOR", "").split(";") if e]
+USAGE = (b"morvlabel 3014.8.10\n"
+         b"usage: morvlabel [--output-mode=<raw|composed>] <device> [<new label>]\n")
+
+
+def tool(*args, binary=None, env=None):
+    command = EMULATOR + [binary or TOOL] + [os.fsencode(a) if isinstance(a, str) else a for a in args]
+    return subprocess.run(command, capture_output=True, env=env, timeout=600)
+
+
+def build(path, label, *options):
+    out = subprocess.run([sys.executable, os.path.join(SUPPORT, "mkimage.py"), path,
+                          "--label", label, "--info"] + [str(o) for o in options],
+                         capture_output=True, check=True)
+    return json.loads(out.stdout)
+
+
+def check(test, path, *options):
+    out = subprocess.run([sys.executable, os.path.join(SUPPORT, "checkimage.py"), path, *options],
+                         capture_output=True, text=True)
+    test.assertEqual(out.returncode, 0, out.stdout + out.stderr)
+
+
+def blkid_label(path):
+    out = subprocess.run(["blkid", "-p", "-o", "value", "-s", "LABEL", path], capture_output=True)
+    return out.stdout.rstrip(b"\n")
+
+
+def blkid_reads_label(block_size, node_size):
+    """blkid finds the first catalog leaf in whole blocks and wants room for a
+    255-unit key in it: it reports no label for smaller catalog nodes."""
+    return node_size > 512 and node_size >= block_size
+
+
+def digest(path):
+    with open(path, "rb") as f:
+        return hashlib.sha256(f.read()).hexdigest()
+
+
+def hfs_decomposed(text):
+    """The stored form: canonical decomposition, except the ranges HFS+ leaves alone."""
+    out = []
+    for ch in text:
+        code = ord(ch)
+        keep = 0x2000 <= code <= 0x2FFF or 0xF900 <= code <= 0xFAFF
+        out.append(ch if keep else unicodedata.normalize("NFD", ch))
+    return "".join(out)
+
+
+def utf16_units(text):
+    return len(text.encode("utf-16-be")) // 2
+
+
+class ImageCase(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="morvlabel-cli-")
+
+    def tearDown(self):
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def path(self, name="volume.img"):
+        return os.path.join(self.dir, name)
+
+    def assert_prints(self, image, expected, mode="composed"):
+        result = tool("--output-mode=" + mode, image)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(result.stdout, expected.encode("utf-8") + b"\n")
+        self.assertEqual(result.stderr, b"")
+
+
+class CommandLine(ImageCase):
+    def test_argument_errors_print_the_usage(self):
+        image = self.path()
+        build(image, "Args", "--size", 4 << 20)
+        for args in ([], [image, "a", "b"], [image, "a", "b", "c"], ["--output-mode=raw"],
+                     ["--output-mode=RAW", image], ["--output-mode=", image],
+                     ["--output-mode=composedx", image], ["--output-mode=raw", image, "a", "b"]):
+            with self.subTest(args=args):
+                result = tool(*args)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, USAGE)
+                self.assertEqual(result.stdout, b"")
+
+    def test_open_failures_name_the_mode(self):
+        missing = self.path("missing.img")
+        self.assertEqual(tool(missing).stderr, b"Error while opening HFS+ volume in read mode.\n")
+        self.assertEqual(tool(missing, "New").stderr,
+                         b"Error while opening HFS+ volume in read/write mode.\n")
+        zeros = self.path("zeros.img")
+        with open(zeros, "wb") as f:
+            f.truncate(1 << 20)
+        for args, mode in (([zeros], b"read"), ([zeros, "x"], b"read/write")):
+            result = tool(*args)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(b"Invalid signature word for HFS+ volume: 0x0\n", result.stderr)
+            self.assertTrue(result.stderr.endswith(b"Error while opening volume in " + mode + b" mode.\n"))
+        self.assertEqual(digest(zeros), hashlib.sha256(bytes(1 << 20)).hexdigest())
+
+    def test_mounted_device_is_refused_by_its_path_as_typed(self):
+        if shutil.which("unshare") is None or os.geteuid() != 0:
+            self.skipTest("needs root and unshare to mount in a private namespace")
+        image = self.path()
+        build(image, "Mounted", "--size", 4 << 20)
+        link = self.path("link.img")
+        os.symlink(image, link)
+        mountpoint = self.path("mnt")
+        os.mkdir(mountpoint)
+        script = ('mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"')
+        command = ["unshare", "-m", "sh", "-c", script, "sh", image, mountpoint] + EMULATOR + [TOOL]
+        refused = subprocess.run(command + [image, "New"], capture_output=True)
+        if refused.returncode == 99:
+            self.skipTest("mounting is not permitted here")
+        self.assertEqual(refused.returncode, 1)
+        self.assertEqual(refused.stderr, b"Refusing to open mounted file system.\n")
+        # Another path to the same file is not recognised.
+        other = subprocess.run(command + [link], capture_output=True)
+        self.assertEqual(other.returncode, 0, other.stderr)
+        self.assertEqual(other.stdout, b"Mounted\n")
+
+    def test_output_mode_is_ignored_when_changing(self):
+        image = self.path()
+        build(image, "Before", "--size", 4 << 20)
+        result = tool("--output-mode=raw", image, "Caf\u00e9")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+        self.assert_prints(image, "Caf\u00e9")
+        self.assert_prints(image, "Cafe\u0301", mode="raw")
+
+
+class Printing(ImageCase):
+    LABELS = ["Macintosh HD", "Caf\u00e9 \u00dcn\u00efc\u00f6de", "\ud55c\uad6d\uc5b4 \uc77c\ubcf8",
+              "\u00c5ngstr\u00f6m \u1e9b", "x" * 255]
+
+    def test_builder_volumes_print_composed_and_raw(self):
+        for label in self.LABELS:
+            for hfsx in (False, True):
+                with self.subTest(label=label[:20], hfsx=hfsx):
+                    image = self.path()
+                    build(image, label, "--size", 8 << 20, "--files", 40,
+                          *(["--hfsx"] if hfsx else []))
+                    before = digest(image)
+                    stored = hfs_decomposed(label)
+                    self.assertEqual(blkid_label(image), stored.encode("utf-8"))
+                    self.assert_prints(image, unicodedata.normalize("NFC", label))
+                    self.assert_prints(image, stored, mode="raw")
+                    self.assertEqual(digest(image), before, "printing wrote to the image")
+
+    def test_xorriso_volumes(self):
+        if shutil.which("xorriso") is None:
+            self.skipTest("xorriso is not installed")
+        for label in ("XORRISO VOL", "R\u00e9sum\u00e9 \u00c9t\u00e9"):
+            with self.subTest(label=label):
+                image = self.path()
+                subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
+                                "--label", label, "--files", 30], check=True, capture_output=True)
+                # xorriso marks one unused block after the extents file.
+                check(self, image, "--allow-orphan-blocks")
+                stored = blkid_label(image)
+                self.assertNotEqual(stored, b"")
+                raw = tool("--output-mode=raw", image)
+                self.assertEqual(raw.stdout, stored + b"\n")
+                self.assert_prints(image, unicodedata.normalize("NFC", stored.decode("utf-8")))
+
+
+class Changing(ImageCase):
+    def change_and_verify(self, image, info, block_size, node_size, label):
+        before = open(image, "rb").read()
+        result = tool(image, label)
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+        stored = hfs_decomposed(label)
+        if blkid_reads_label(block_size, node_size):
+            self.assertEqual(blkid_label(image), stored.encode("utf-8"))
+        check(self, image)
+        self.assert_prints(image, stored, mode="raw")
+        self.assert_prints(image, unicodedata.normalize("NFC", label))
+        # Only bytes of the catalog file changed.
+        after = open(image, "rb").read()
+        self.assertEqual(len(after), len(before))
+        catalog = [(start * block_size, (start + count) * block_size)
+                   for start, count in info["catalog_extents"]]
+        changed = [i for i in range(0, len(before), 4096) if before[i:i + 4096] != after[i:i + 4096]]
+        self.assertTrue(changed)
+        for chunk in changed:
+            for i in range(chunk, min(chunk + 4096, len(before))):
+                if before[i] != after[i]:
+                    self.assertTrue(any(lo <= i < hi for lo, hi in catalog),
+                                    "byte %d outside the catalog changed" % i)
+
+    def test_volume_shapes(self):
+        shapes = [
+            # (block size, catalog node size, files, folders, fragments, hfsx, extra options)
+            (4096, 4096, 1, 0, 1, False, []),
+            (512, 512, 300, 10, 1, False, ["--name-length", 60]),
+            (4096, 8192, 2000, 40, 20, False, []),
+            (1024, 4096, 500, 5, 12, True, []),
+            (65536, 32768, 50, 2, 1, True, []),
+        ]
+        labels = ["New Name", "D\u00e9j\u00e0 vu \u00e0 M\u00fcnchen", "\ud55c\uae00 \ubcfc\ub968",
+                  "L" * 255, "short"]
+        for (block, node, files, folders, fragments, hfsx, extra), label in zip(shapes, labels):
+            with self.subTest(block=block, node=node, files=files, hfsx=hfsx):
+                image = self.path()
+                info = build(image, "Old label", "--size", 64 << 20, "--block-size", block,
+                             "--catalog-node-size", node, "--files", files, "--folders", folders,
+                             "--catalog-fragments", fragments, *(["--hfsx"] if hfsx else []), *extra)
+                self.change_and_verify(image, info, block, node, label)
+                self.change_and_verify(image, info, block, node, "Back again")
+
+    def test_long_names_split_nodes_and_replace_index_records(self):
+        image = self.path()
+        info = build(image, "A", "--size", 32 << 20, "--block-size", 512, "--catalog-node-size", 1024,
+                     "--files", 3000, "--folders", 30, "--name-length", 120, "--free-catalog-nodes", 64)
+        self.assertGreaterEqual(info["catalog"]["depth"], 3)
+        for label in ("\u00e9" * 250, "B" * 255, "a", "Z" * 200):
+            with self.subTest(label=label[:8]):
+                self.change_and_verify(image, info, 512, 1024, label)
+
+    def test_fifty_thousand_files(self):
+        image = self.path()
+        info = build(image, "Big volume", "--size", 256 << 20, "--files", 50000, "--folders", 200)
+        self.change_and_verify(image, info, 4096, 4096, "Fifty thousand \u2603")
+
+    def test_labels_too_long_after_decomposition_are_refused(self):
+        image = self.path()
+        build(image, "Keep", "--size", 4 << 20)
+        before = digest(image)
+        for label in ("x" * 256, "\u00e9" * 200):
+            with self.subTest(units=utf16_units(hfs_decomposed(label))):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(b"Label length (%d) too large.\n" % utf16_units(hfs_decomposed(label)),
+                              result.stderr)
+                self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+                self.assertEqual(digest(image), before)
+
+
+class Safety(ImageCase):
+    def run_with_faults(self, ops, args, image):
+        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run succeeds."""
+        pristine = open(image, "rb").read()
+        runs = 0
+        for n in range(1, 5000):
+            with open(image, "wb") as f:
+                f.write(pristine)
+            env = dict(os.environ, MORV_FAULT_OPS=ops, MORV_FAULT_AT=str(n))
+            result = tool(*args, binary=FAULTY_TOOL, env=env)
+            if b"fault-injection: not delivered" in result.stderr:
+                self.assertEqual(result.returncode, 0, result.stderr)
+                return runs
+            runs += 1
+            with self.subTest(ops=ops, n=n):
+                self.assertEqual(result.returncode, 1, result.stderr)
+                self.assertNotIn(b"AddressSanitizer", result.stderr)
+                if ops == "write":
+                    self.assertIn(b"Error while flushing changes to catalog file.\n", result.stderr)
+                else:
+                    self.assertEqual(open(image, "rb").read(), pristine,
+                                     "a run that failed before its flush changed the image")
+        self.fail("the operation never succeeded")
+
+    def test_injected_failures_leave_the_image_as_it_was(self):
+        image = self.path()
+        build(image, "Pristine", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
+              "--files", 200, "--catalog-fragments", 10)
+        pristine = open(image, "rb").read()
+        for ops in ("alloc", "read"):
+            runs = self.run_with_faults(ops, [image], image)
+            self.assertGreater(runs, 3)
+            self.assertEqual(open(image, "rb").read(), pristine)
+        for ops in ("alloc", "read", "write"):
+            runs = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
+            self.assertGreater(runs, 0)
+            check(self, image)
+            self.assertEqual(tool("--output-mode=raw", image).stdout, "Changed e\u0301\n".encode("utf-8"))
+
+    def test_no_free_catalog_node_for_a_split(self):
+        image = self.path()
+        build(image, "Full", "--size", 16 << 20, "--catalog-node-size", 4096, "--files", 2000,
+              "--free-catalog-nodes", 0, "--name-length", 40)
+        before = digest(image)
+        result = tool(image, "N" * 255)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(b"Need to expand B-tree, but this is not yet implemented.\n", result.stderr)
+        self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+        self.assertEqual(digest(image), before)
+        self.assertEqual(tool(image).stdout, b"Full\n")
+
+    def test_a_change_waits_for_a_reader(self):
+        image = self.path()
+        build(image, "Shared", "--size", 4 << 20)
+        with open(image, "rb") as reader:
+            fcntl.flock(reader, fcntl.LOCK_SH)  # what a printing morvlabel holds
+            self.assertEqual(tool(image).stdout, b"Shared\n")  # readers share
+            command = EMULATOR + [TOOL, image, "Exclusive"]
+            writer = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            time.sleep(0.7)
+            self.assertIsNone(writer.poll(), "the change did not wait for the reader")
+            fcntl.flock(reader, fcntl.LOCK_UN)
+        out, err = writer.communicate(timeout=120)
+        self.assertEqual((writer.returncode, err), (0, b""))
+        self.assertEqual(tool(image).stdout, b"Exclusive\n")
+        check(self, image)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[1:], verbosity=2)

@@ -1,0 +1,328 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "btree.hpp"
+#include "catalog.hpp"
+#include "device_unix.hpp"
+#include "extents.hpp"
+#include "fork.hpp"
+#include "support_unix.hpp"
+#include "test_support.hpp"
+#include "volume.hpp"
+
+namespace {
+
+std::vector<uint8_t> make_key(uint32_t parent, const std::u16string& name) {
+  std::vector<uint8_t> key(8 + 2 * name.size());
+  store_be16(&key[0], static_cast<uint16_t>(6 + 2 * name.size()));
+  store_be32(&key[2], parent);
+  store_be16(&key[6], static_cast<uint16_t>(name.size()));
+  for (size_t i = 0; i < name.size(); ++i) store_be16(&key[8 + 2 * i], name[i]);
+  return key;
+}
+
+int compare(uint32_t pa, const std::u16string& a, uint32_t pb, const std::u16string& b, uint32_t type) {
+  return morv_catalog_compare_keys(make_key(pa, a).data(), make_key(pb, b).data(), type);
+}
+
+std::u16string key_name(const uint8_t* key) {
+  std::u16string name;
+  for (uint16_t i = 0; i < load_be16(key + 6); ++i) name.push_back(load_be16(key + 8 + 2 * i));
+  return name;
+}
+
+// A catalog opened over a builder image (read/write), with its own device.
+struct OpenCatalog {
+  explicit OpenCatalog(const std::string& args) {
+    morv_test::build_image(args, file);
+    fd = open(file.path().c_str(), O_RDWR);
+    EXPECT_EQ(morv_device_create(fd, 0, 512, 0, &device), MORV_OK);
+    size_t length = 0;
+    EXPECT_EQ(morv_volume_read_header(device, &buffer, &length, &header), MORV_OK);
+    EXPECT_EQ(morv_extents_create(device, header, &extents), MORV_OK);
+    EXPECT_EQ(morv_catalog_create(device, extents, header, &catalog), MORV_OK);
+  }
+  ~OpenCatalog() {
+    if (catalog) morv_catalog_destroy(&catalog);
+    if (extents) morv_extents_destroy(&extents);
+    morv_free(buffer);
+    morv_device_destroy(&device);
+    close(fd);
+  }
+  void flush() { ASSERT_EQ(morv_fork_flush(catalog->priv->tree->fork), MORV_OK); }
+  morv_catalog_search_result by_cnid(uint32_t cnid, int follow) {
+    morv_catalog_search_result result;
+    morv_catalog_search_result_init(&result);
+    EXPECT_EQ(morv_catalog_search_by_cnid(catalog, cnid, follow, &result), MORV_OK);
+    return result;
+  }
+  morv_test::TempFile file;
+  int fd = -1;
+  morv_device* device = nullptr;
+  uint8_t* buffer = nullptr;
+  uint8_t* header = nullptr;
+  morv_extents* extents = nullptr;
+  morv_catalog* catalog = nullptr;
+};
+
+uint16_t type_of(const morv_catalog_record_locator* locator) {
+  return load_be16(locator->btree_locator->data);
+}
+uint32_t valence_of(const morv_catalog_record_locator* locator) {
+  return load_be32(locator->btree_locator->data + catalog::kFolderValence);
+}
+
+// Path components for morv_catalog_search_by_path, big-endian.
+struct Path {
+  std::vector<std::u16string> parts;
+  size_t next = 0;
+  static morv_err source(void* context, uint16_t* destination, size_t capacity, size_t* length) {
+    auto* path = static_cast<Path*>(context);
+    if (path->next == path->parts.size()) {
+      *length = 0;
+      return MORV_OK;
+    }
+    const std::u16string& part = path->parts[path->next++];
+    if (part.size() > capacity) return MORV_ERR_INVALID_ARGUMENT;
+    for (size_t i = 0; i < part.size(); ++i)
+      store_be16(reinterpret_cast<uint8_t*>(destination + i), part[i]);
+    *length = part.size();
+    return MORV_OK;
+  }
+};
+
+}  // namespace
+
+TEST(CatalogKeys, OrderByParentThenNameInTheVolumesMode) {
+  EXPECT_LT(compare(16, u"zzz", 17, u"aaa", 0xCF), 0);
+  EXPECT_GT(compare(17, u"", 16, u"zzz", 0xBC), 0);
+  EXPECT_EQ(compare(16, u"FOO", 16, u"foo", 0xCF), 0);
+  EXPECT_LT(compare(16, u"FOO", 16, u"foo", 0xBC), 0);
+  EXPECT_LT(compare(16, u"", 16, u"a", 0xCF), 0);
+  // Names starting with U+0000 in the root folder: first in binary mode,
+  // last in case-folding mode, and never equal (A wins the tie).
+  const std::u16string hidden = std::u16string(1, u'\0') + u"meta";
+  EXPECT_LT(compare(2, hidden, 2, u"A", 0xBC), 0);
+  EXPECT_GT(compare(2, hidden, 2, u"zz", 0xCF), 0);
+  EXPECT_LT(compare(2, u"A", 2, hidden, 0xCF), 0);
+  EXPECT_LT(compare(2, hidden, 2, hidden, 0xBC), 0);
+  EXPECT_GT(compare(2, hidden, 2, hidden, 0xCF), 0);
+
+  std::vector<uint8_t> short_key = make_key(16, u"");
+  store_be16(&short_key[0], 5);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_catalog_compare_keys(short_key.data(), make_key(1, u"").data(), 0xCF), -1);
+  EXPECT_EQ(morv_catalog_compare_keys(make_key(1, u"").data(), short_key.data(), 0xCF), -1);
+  EXPECT_EQ(compare(1, u"a", 1, u"a", 0), -1);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Data in A is too small to be a HFSPlusCatalogKey (5 bytes).\n"), std::string::npos);
+  EXPECT_NE(log.find("Data in B is too small to be a HFSPlusCatalogKey (5 bytes).\n"), std::string::npos);
+  EXPECT_NE(log.find("Illegal value for compare_type: 0x0\n"), std::string::npos);
+}
+
+TEST(CatalogLookups, ByCnidThreadAndPath) {
+  OpenCatalog cat("--size 8388608 --label Root --files 30 --folders 3");
+  auto root = cat.by_cnid(kRootFolderCnid, 1);
+  ASSERT_NE(root.locator, nullptr);
+  EXPECT_EQ(root.exact_match, 1u);
+  EXPECT_EQ(type_of(root.locator), catalog::kFolderRecord);
+  EXPECT_EQ(key_name(root.locator->btree_locator->key), u"Root");
+  auto thread = cat.by_cnid(kRootFolderCnid, 0);
+  EXPECT_EQ(type_of(thread.locator), catalog::kFolderThreadRecord);
+  // No thread for this CNID: success, not exact, a locator at the insert place.
+  auto missing = cat.by_cnid(0x7FFFFFF0u, 1);
+  EXPECT_EQ(missing.exact_match, 0u);
+  EXPECT_NE(missing.locator, nullptr);
+
+  // The first folder under the root, found by iterating from the root record.
+  morv_catalog_record_locator* next = nullptr;
+  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &next), MORV_OK);
+  ASSERT_NE(next, nullptr);
+  EXPECT_EQ(load_be32(next->btree_locator->key + 2), kRootFolderCnid);
+  morv_catalog_record_locator_close(&next);
+
+  // Paths: the root itself, a folder, a file, a missing name, through a file.
+  std::vector<std::u16string> names;
+  morv_catalog_search_result children;
+  morv_catalog_search_result_init(&children);
+  Path empty;
+  ASSERT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &empty, nullptr, &children), MORV_OK);
+  EXPECT_EQ(children.exact_match, 1u);
+  EXPECT_EQ(load_be32(children.locator->btree_locator->data + catalog::kRecordCnid), kRootFolderCnid);
+  morv_catalog_search_result_release(&children);
+
+  morv_catalog_record_locator* it = thread.locator;  // walk the root's children
+  std::u16string folder, file;
+  morv_catalog_record_locator* cur = nullptr;
+  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &cur), MORV_OK);
+  while (cur && load_be32(cur->btree_locator->key + 2) == kRootFolderCnid) {
+    if (type_of(cur) == catalog::kFolderRecord && folder.empty()) folder = key_name(cur->btree_locator->key);
+    if (type_of(cur) == catalog::kFileRecord && file.empty()) file = key_name(cur->btree_locator->key);
+    morv_catalog_record_locator* following = nullptr;
+    ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, cur, &following), MORV_OK);
+    morv_catalog_record_locator_close(&cur);
+    cur = following;
+  }
+  if (cur) morv_catalog_record_locator_close(&cur);
+  (void)it;
+  ASSERT_FALSE(folder.empty());
+  ASSERT_FALSE(file.empty());
+
+  Path to_missing{{folder, u"no such name"}};
+  ASSERT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &to_missing, nullptr, &children), MORV_OK);
+  EXPECT_EQ(children.exact_match, 0u);
+  ASSERT_NE(children.locator, nullptr);
+  ASSERT_NE(*children.locator->parent, nullptr);
+  EXPECT_EQ(key_name((*children.locator->parent)->btree_locator->key), folder);
+  morv_catalog_search_result_release(&children);
+
+  Path to_file{{file}};
+  ASSERT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &to_file, nullptr, &children), MORV_OK);
+  EXPECT_EQ(children.exact_match, 1u);
+  EXPECT_EQ(children.locator->record_type, catalog::kFileRecord);
+  morv_catalog_search_result_release(&children);
+
+  Path through_file{{file, u"x"}};
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &through_file, nullptr, &children),
+            MORV_ERR_INTERNAL);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Unexpected record type for parent directory in lookup: 2.\n"),
+            std::string::npos);
+  EXPECT_EQ(children.locator, nullptr);
+
+  morv_catalog_search_result_release(&root);
+  morv_catalog_search_result_release(&thread);
+  morv_catalog_search_result_release(&missing);
+}
+
+TEST(CatalogLocators, SharedParentsAndLeakedLocatorsAreCounted) {
+  OpenCatalog cat("--size 4194304 --label Loc --files 3");
+  auto root = cat.by_cnid(kRootFolderCnid, 1);
+  auto thread = cat.by_cnid(kRootFolderCnid, 0);
+  // The thread holds a reference on the root: closing the root's own handle
+  // leaves it alive until the thread lets go.
+  ASSERT_EQ(morv_catalog_record_locator_set_parent_locator(thread.locator, root.locator), MORV_OK);
+  ASSERT_EQ(morv_catalog_record_locator_set_parent_locator(thread.locator, root.locator), MORV_OK);
+  morv_catalog_record_locator* root_alias = root.locator;
+  morv_catalog_search_result_release(&root);
+  EXPECT_EQ(*thread.locator->parent, root_alias);
+  EXPECT_EQ(type_of(root_alias), catalog::kFolderRecord);
+
+  // Leak the thread (which keeps the root) and one more lookup of the root.
+  auto leaked = cat.by_cnid(kRootFolderCnid, 1);
+  EXPECT_EQ(leaked.locator->btree_locator, root_alias->btree_locator);  // one record, one engine locator
+  testing::internal::CaptureStderr();
+  morv_catalog_destroy(&cat.catalog);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Cleaned up 3 leaked catalog record locators on destroy.\n"),
+            std::string::npos);
+  EXPECT_EQ(cat.catalog, nullptr);
+}
+
+TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
+  OpenCatalog cat("--size 8388608 --block-size 512 --catalog-node-size 512 --label Old --files 60 "
+                  "--folders 4");
+  // The root folder: renamed in place, no valence change, thread rebuilt.
+  auto root = cat.by_cnid(kRootFolderCnid, 1);
+  const uint32_t root_valence = valence_of(root.locator);
+  std::vector<uint8_t> name = make_key(0, std::u16string(200, u'N'));
+  uint8_t parent_be[4];
+  store_be32(parent_be, kRootParentCnid);
+  uint32_t root_parent;
+  memcpy(&root_parent, parent_be, 4);
+  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, root_parent,
+                                       reinterpret_cast<const uint16_t*>(&name[8]), 200),
+            MORV_OK);
+  EXPECT_EQ(root.locator, nullptr);
+  root = cat.by_cnid(kRootFolderCnid, 1);
+  EXPECT_EQ(key_name(root.locator->btree_locator->key), std::u16string(200, u'N'));
+  EXPECT_EQ(valence_of(root.locator), root_valence);
+  auto thread = cat.by_cnid(kRootFolderCnid, 0);
+  EXPECT_EQ(load_be16(thread.locator->btree_locator->data + catalog::kThreadName), 200);
+
+  // Moving the root under another folder is refused before anything changes.
+  uint32_t other;
+  store_be32(parent_be, 16);
+  memcpy(&other, parent_be, 4);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, other,
+                                       reinterpret_cast<const uint16_t*>(&name[8]), 3),
+            MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Attempting to move root directory"),
+            std::string::npos);
+  EXPECT_NE(root.locator, nullptr);
+
+  // A file of the root moved into the first folder (CNID 16 is a folder).
+  auto folder = cat.by_cnid(16, 1);
+  ASSERT_EQ(type_of(folder.locator), catalog::kFolderRecord);
+  const uint32_t folder_valence = valence_of(folder.locator);
+  morv_catalog_search_result_release(&folder);
+  Path to_file{{}};
+  morv_catalog_search_result file;
+  morv_catalog_search_result_init(&file);
+  morv_catalog_record_locator* cur = nullptr;
+  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &cur), MORV_OK);
+  while (type_of(cur) != catalog::kFileRecord) {
+    morv_catalog_record_locator* following = nullptr;
+    ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, cur, &following), MORV_OK);
+    morv_catalog_record_locator_close(&cur);
+    cur = following;
+  }
+  to_file.parts.push_back(key_name(cur->btree_locator->key));
+  const uint32_t file_cnid = load_be32(cur->btree_locator->data + catalog::kRecordCnid);
+  morv_catalog_record_locator_close(&cur);
+  morv_catalog_search_result_release(&root);
+  morv_catalog_search_result_release(&thread);
+  ASSERT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &to_file, nullptr, &file), MORV_OK);
+  ASSERT_EQ(file.exact_match, 1u);
+  const std::u16string moved = u"Moved file";
+  std::vector<uint8_t> moved_key = make_key(0, moved);
+  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &file.locator, other,
+                                       reinterpret_cast<const uint16_t*>(&moved_key[8]), moved.size()),
+            MORV_OK);
+  morv_catalog_search_result_release(&file);
+  root = cat.by_cnid(kRootFolderCnid, 1);
+  EXPECT_EQ(valence_of(root.locator), root_valence - 1);
+  folder = cat.by_cnid(16, 1);
+  EXPECT_EQ(valence_of(folder.locator), folder_valence + 1);
+  auto file_thread = cat.by_cnid(file_cnid, 0);
+  EXPECT_EQ(type_of(file_thread.locator), catalog::kFileThreadRecord);
+  EXPECT_EQ(load_be32(file_thread.locator->btree_locator->data + catalog::kThreadParentId), 16u);
+  morv_catalog_search_result_release(&root);
+  morv_catalog_search_result_release(&folder);
+  morv_catalog_search_result_release(&file_thread);
+  cat.flush();
+  EXPECT_EQ(morv_test::check_image(cat.file.path()), "");
+}
+
+TEST(CatalogRename, MissingThreadIsRecreatedAndFailuresLeaveTheImageUnwritten) {
+  OpenCatalog cat("--size 4194304 --label Lonely --files 5 --corrupt no-root-thread");
+  // Without a thread the root is found by its key (parent 1, name).
+  const std::vector<uint8_t> key = make_key(kRootParentCnid, u"Lonely");
+  morv_catalog_search_result root;
+  morv_catalog_search_result_init(&root);
+  ASSERT_EQ(morv_catalog_search_node(cat.catalog, key.data(), &root), MORV_OK);
+  ASSERT_EQ(root.exact_match, 1u);
+  uint32_t parent = 0;
+  uint8_t parent_be[4];
+  store_be32(parent_be, kRootParentCnid);
+  memcpy(&parent, parent_be, 4);
+  const std::vector<uint8_t> name = make_key(0, u"Found");
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, parent,
+                                       reinterpret_cast<const uint16_t*>(&name[8]), 5),
+            MORV_OK);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Missing thread record for original file in rename. Creating new thread record...\n"),
+            std::string::npos);
+  auto thread = cat.by_cnid(kRootFolderCnid, 1);
+  EXPECT_EQ(thread.exact_match, 1u);
+  EXPECT_EQ(key_name(thread.locator->btree_locator->key), u"Found");
+  morv_catalog_search_result_release(&thread);
+  cat.flush();
+  EXPECT_EQ(morv_test::check_image(cat.file.path()), "");
+}
