@@ -16,8 +16,10 @@ Layout choices made here (all allowed by the format):
     blocks and volume header), allocation file, extents overflow file, catalog
     fragments separated by one free block, then the one-block extents of the
     fragmented files, each followed by a free block; the block(s) holding the
-    alternate volume header (last 1024 bytes) are allocated when they lie
-    inside totalBlocks;
+    last 1024 bytes of totalBlocks x blockSize are allocated;
+  * the alternate volume header is written 1024 bytes before the end of the
+    image and, when the size is not a multiple of the block size, also 1024
+    bytes before the end of the last allocation block;
   * bits of the allocation bitmap past totalBlocks are zero;
   * B-tree nodes: header node 0, map nodes 1..m, then the leaves in key
     order, then the index levels bottom up (the root is the last used node);
@@ -394,6 +396,8 @@ class Volume:
         for what, ns in (("catalog", o.catalog_node_size), ("extents", o.extents_node_size)):
             if not power_of_two(ns) or not 512 <= ns <= 32768:
                 raise BuildError("%s node size must be a power of two from 512 to 32768" % what)
+        if o.size % 512:
+            raise BuildError("size %d is not a whole number of 512-byte sectors" % o.size)
         if o.size < 2 * bs or o.size < 4096:
             raise BuildError("size %d is too small for a volume" % o.size)
         self.total_blocks = o.size // bs
@@ -558,9 +562,10 @@ class Volume:
                 file_exts[cid].append((blk, 1))
                 blk += 2
         used += cat_exts + [e for v in file_exts.values() for e in v]
-        alt_first = (o.size - 1024) // bs
-        alt_last = (o.size - 1) // bs
-        alt = [b for b in range(alt_first, alt_last + 1) if b < tb]
+        # The last 1024 bytes of the blocks hold the alternate volume header
+        # (and a reserved sector); they are always allocated.
+        alt_first = (tb * bs - 1024) // bs
+        alt = list(range(alt_first, tb))
         limit = alt[0] if alt else tb
         if blk > limit:
             raise BuildError("volume of %d bytes is too small: the metadata needs %d allocation "
@@ -727,8 +732,12 @@ class Volume:
             f.truncate(o.size)
             f.seek(1024)
             f.write(hdr)
-            f.seek(o.size - 1024)
-            f.write(hdr)
+            # Alternate header at the end of the device and, when the size
+            # is not a whole number of blocks, also at the end of the last
+            # block: readers take "the end of the volume" either way.
+            for at in sorted({o.size - 1024, self.total_blocks * bs - 1024}):
+                f.seek(at)
+                f.write(hdr)
             for name, data in (("allocation", self.bitmap), ("extents", self.ext),
                                ("catalog", self.cat)):
                 pos = 0
