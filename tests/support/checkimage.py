@@ -267,6 +267,7 @@ class Volume:
         """Walk one B-tree; returns the leaf records [(node, key, data)] in
         tree order, or None when the tree cannot be read at all."""
         r = self.r
+        self.walk_damaged = False
         if len(fork_bytes) < 512:
             r.add("%s header" % tag, "tree file too short (%d bytes)" % len(fork_bytes))
             return None
@@ -362,6 +363,8 @@ class Volume:
             leaves = self.walk(tag, node, offsets, root, depth, nnodes, in_use, cnid,
                                (leaf_records, first_leaf, last_leaf))
 
+        if self.walk_damaged or hoffs is None:
+            return leaves
         # ---- node allocation bitmap: header map record, then map nodes
         bitmap = []
         if hoffs is not None:
@@ -420,6 +423,7 @@ class Volume:
         level = [(root, None)]
         height = depth
         leaf_chain = None
+        damaged = False
         while level and height >= 1:
             nodes_here = []
             next_level = []
@@ -431,6 +435,7 @@ class Volume:
                 want_kind = KIND_LEAF if height == 1 else KIND_INDEX
                 if kind != want_kind:
                     r.add(where, "kind %d at height %d, want %d" % (kind, height, want_kind))
+                    damaged = True
                     continue
                 nodes_here.append((n, fl, bl))
                 if h != height:
@@ -440,6 +445,7 @@ class Volume:
                     continue
                 offs = offsets(n, buf, nrec)
                 if offs is None:
+                    damaged = True
                     continue
                 for i in range(nrec):
                     start, end = offs[i], offs[i + 1]
@@ -449,13 +455,17 @@ class Volume:
                     klen = be16(buf, start)
                     data_at = start + 2 + klen + (klen & 1)
                     need = data_at + (4 if kind == KIND_INDEX else 0)
-                    if klen > max_keylen or need > end:
-                        r.add(where, "record %d keyLength %d does not fit the record (%d bytes) "
-                              "or exceeds maxKeyLength %d" % (i, klen, end - start, max_keylen))
+                    if need > end:
+                        r.add(where, "record %d keyLength %d does not fit the record (%d bytes)"
+                              % (i, klen, end - start))
+                        damaged = True
                         break
+                    if klen > max_keylen:
+                        r.add(where, "record %d keyLength %d exceeds maxKeyLength %d" % (i, klen, max_keylen))
                     keyb = buf[start:start + 2 + klen]
                     sk = keyfn(keyb, where, i)
                     if sk is None:
+                        damaged = True
                         break
                     if i == 0 and parent_key is not None and keyb != parent_key:
                         r.add(where, "first key differs from the index key that points here")
@@ -468,16 +478,19 @@ class Volume:
                         if child == 0 or child >= nnodes:
                             r.add(where, "record %d points at node %d outside 1..%d"
                                   % (i, child, nnodes - 1))
+                            damaged = True
                         elif child in in_use:
                             r.add(where, "record %d points at node %d, which is reached twice"
                                   % (i, child))
+                            damaged = True
                         else:
                             in_use.add(child)
                             next_level.append((child, keyb))
                     else:
                         leaves.append((n, keyb, buf[data_at:end]))
-            # sibling links of this level, in key order, ends 0
-            for j, (n, fl, bl) in enumerate(nodes_here):
+            # sibling links of this level, in key order, ends 0; a level
+            # with lost nodes would only repeat the fault reported above
+            for j, (n, fl, bl) in enumerate(nodes_here if not damaged else ()):
                 want_f = nodes_here[j + 1][0] if j + 1 < len(nodes_here) else 0
                 want_b = nodes_here[j - 1][0] if j else 0
                 if fl != want_f or bl != want_b:
@@ -490,6 +503,12 @@ class Volume:
             height -= 1
         if level:
             r.add("%s header" % tag, "treeDepth %d but the tree continues below the leaf level" % depth)
+            damaged = True
+        self.walk_damaged = damaged
+        if damaged:
+            # Tree-wide counts and the node bitmap cannot be judged on a
+            # partial walk; the lines above name the fault.
+            return leaves
         if leaf_chain is not None and leaf_chain:
             if first_leaf != leaf_chain[0][0] or last_leaf != leaf_chain[-1][0]:
                 r.add("%s header" % tag, "firstLeafNode %d lastLeafNode %d, leaf chain runs %d..%d"
@@ -507,10 +526,11 @@ class Volume:
             return None
         parent = be32(keyb, 2)
         nlen = be16(keyb, 6)
-        if klen != 6 + 2 * nlen or nlen > MAX_NAME_UNITS:
-            self.r.add(where, "record %d keyLength %d does not match name length %d (or name over 255 units)"
-                       % (i, klen, nlen))
+        if klen != 6 + 2 * nlen:
+            self.r.add(where, "record %d keyLength %d does not match name length %d" % (i, klen, nlen))
             return None
+        if nlen > MAX_NAME_UNITS:
+            self.r.add(where, "record %d (%d, ...) name of %d units is longer than 255" % (i, parent, nlen))
         units = struct.unpack_from(">%dH" % nlen, keyb, 8)
         if self.cmp_binary:
             return (parent, units)
@@ -535,6 +555,8 @@ class Volume:
         fd = self.forks[CNID_EXTENTS]
         raw = self.read_extents(fd.extents, fd.logical_size)
         leaves = self.check_btree("extents overflow", raw, fd.logical_size, CNID_EXTENTS)
+        # Without every overflow record, fork block counts cannot be judged.
+        self.overflow_complete = leaves is not None and not self.walk_damaged
         self.overflow = {}   # (fileID, forkType) -> [(startBlock, extents)]
         for n, keyb, data in leaves or ():
             fork_type, _pad, file_id, start = struct.unpack_from(">BBII", keyb, 2)
@@ -583,7 +605,7 @@ class Volume:
                     self.r.add(where, "overflow record at block %d has an extent after an empty one" % start)
                 extents.append((s, c))
                 total += c
-        if total != fd.total_blocks:
+        if total != fd.total_blocks and self.overflow_complete:
             self.r.add(where, "totalBlocks %d but its extents hold %d blocks" % (fd.total_blocks, total))
         if fd.logical_size > fd.total_blocks * self.block_size:
             self.r.add(where, "logicalSize %d exceeds totalBlocks %d x blockSize %d"
@@ -600,7 +622,7 @@ class Volume:
         extents = self.fork_extents(fd, CNID_CATALOG, FORK_DATA, "catalog file fork")
         raw = self.read_extents(extents, fd.logical_size)
         leaves = self.check_btree("catalog", raw, fd.logical_size, CNID_CATALOG)
-        if leaves is None:
+        if leaves is None or self.walk_damaged:
             return None
         folders = {}     # cnid -> (parent, name, valence, flags, folderCount, node)
         files = {}       # cnid -> (parent, name, node, record)
@@ -655,7 +677,10 @@ class Volume:
                     continue
                 tparent = be32(data, 4)
                 tlen = be16(data, 8)
-                if tlen > MAX_NAME_UNITS or len(data) != THREAD_REC_MIN + 2 * tlen:
+                if tlen > MAX_NAME_UNITS:
+                    r.add(where, "thread record for CNID %d holds a name of %d units, longer than 255"
+                          % (parent, tlen))
+                if len(data) != THREAD_REC_MIN + 2 * tlen:
                     r.add(where, "thread record for CNID %d has %d bytes for a name of %d units (want %d)"
                           % (parent, len(data), tlen, THREAD_REC_MIN + 2 * tlen))
                     if THREAD_REC_MIN + 2 * tlen > len(data):
@@ -795,7 +820,7 @@ class Volume:
         self.fold = load_case_folding()
         self.load_overflow()
         files = self.check_catalog()
-        if files is None:
+        if files is None or not self.overflow_complete:
             return
         self.check_allocation(files)
 
