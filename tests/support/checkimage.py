@@ -305,7 +305,8 @@ class Volume:
             want_max = 10
         if max_key != want_max:
             r.add("%s header" % tag, "maxKeyLength %d, want %d" % (max_key, want_max))
-        self.cmp_binary = cnid == CNID_CATALOG and cmp_type == CMP_BINARY
+        # HFS+ catalogs are always case-insensitive; only HFSX may be binary.
+        self.cmp_binary = cnid == CNID_CATALOG and self.signature == SIG_HFSX and cmp_type == CMP_BINARY
 
         avail = len(fork_bytes) // node_size
         if total_nodes > avail:
@@ -479,9 +480,12 @@ class Volume:
                             r.add(where, "record %d points at node %d outside 1..%d"
                                   % (i, child, nnodes - 1))
                             damaged = True
+                        elif child == n:
+                            r.add(where, "record %d points back at its own node" % i)
+                            damaged = True
                         elif child in in_use:
-                            r.add(where, "record %d points at node %d, which is reached twice"
-                                  % (i, child))
+                            r.add(where, "record %d points at node %d, which is already in the tree "
+                                  "(a cycle or a shared child)" % (i, child))
                             damaged = True
                         else:
                             in_use.add(child)
