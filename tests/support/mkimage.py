@@ -23,7 +23,9 @@ Layout choices made here (all allowed by the format):
   * bits of the allocation bitmap past totalBlocks are zero;
   * B-tree nodes: header node 0, map nodes 1..m, then the leaves in key
     order, then the index levels bottom up (the root is the last used node);
-    free nodes follow, so the node bitmap marks a prefix of the tree;
+    free nodes follow, so the node bitmap marks a prefix of the tree.  With
+    --scatter-nodes the leaf and index nodes take random numbers (from
+    --seed) among all nodes past the map nodes, free nodes between them;
   * map node record length is nodeSize - 20 (the two spare bytes keep the
     record a multiple of four, as the Apple implementation does);
   * the extents overflow node size defaults to 4096 (TN1150 volumes usually
@@ -31,6 +33,8 @@ Layout choices made here (all allowed by the format):
   * generated names: "folder N" and "file NNNNNN"/"File NNNNNN" (odd files
     upper case, so that the case-folding and binary orders differ), padded
     with "x" to --name-length units.
+--info prints a JSON summary (tree depths, node counts, root node numbers,
+catalog extents) for tests that need to know the shape they got.
 Errors go to stderr with exit status 1.
 """
 
@@ -38,6 +42,7 @@ import argparse
 import hashlib
 import json
 import os
+import random
 import struct
 import sys
 import unicodedata
@@ -232,8 +237,8 @@ class TreePlan:
     in which leaf, which children in which index node, node numbers, map nodes
     and the total node count."""
 
-    def __init__(self, key_lens, data_lens, first_keys_of, node_size, var_index,
-                 max_key_len, free_nodes, nodes_per_block, min_total=0):
+    def __init__(self, key_lens, data_lens, node_size, var_index, max_key_len,
+                 free_nodes, nodes_per_block, min_total=0, rng=None):
         ns = node_size
         cap = ns - 14 - 2          # descriptor and the free-space offset
         self.ns = ns
@@ -267,11 +272,15 @@ class TreePlan:
         self.total = total
         self.used = 1 + maps + self.used_tree
         self.free = total - self.used
-        # Node numbers: header 0, map nodes, leaves, index levels bottom up.
+        # Node numbers: header 0, map nodes, leaves, index levels bottom up;
+        # scattered at random over the nodes past the map nodes when asked.
+        slots = list(range(1 + maps, total))
+        if rng is not None:
+            slots = rng.sample(slots, self.used_tree)
         self.numbers = []
-        n = 1 + maps
+        n = 0
         for level in self.levels:
-            self.numbers.append(list(range(n, n + len(level))))
+            self.numbers.append(slots[n:n + len(level)])
             n += len(level)
 
     @staticmethod
@@ -355,10 +364,8 @@ def serialize_tree(plan, keys, datas, var_index, max_key_len, compare_type, attr
                              0, clump, 0, compare_type, attributes)
     assert len(header_rec) == 106
     bitmap = bytearray(-(-plan.total // 8))
-    full, rest = divmod(plan.used, 8)
-    bitmap[:full] = b"\xff" * full
-    if rest:
-        bitmap[full] = (0xFF00 >> rest) & 0xFF
+    for n in [0] + list(range(1, 1 + plan.maps)) + [n for l in plan.numbers for n in l]:
+        bitmap[n >> 3] |= 0x80 >> (n & 7)
     hdr_map = ns - 256
     put_node(buf, 0, ns, 1 if plan.maps else 0, 0, KIND_HEADER, 0,
              [header_rec, bytes(128), bytes(bitmap[:hdr_map]).ljust(hdr_map, b"\0")])
@@ -416,12 +423,17 @@ class Volume:
         if o.name_length > 255:
             raise BuildError("--name-length must not exceed 255")
         self.binary = o.hfsx
+        if any(0xD800 <= ord(c) <= 0xDFFF for c in o.label):
+            raise BuildError("label is not valid UTF-8")
         self.label = hfs_name(o.label)
         if o.corrupt == "long-root-name":
             self.label = (self.label + "x" * 256)[:256]
         elif len(self.label) > 255:
             raise BuildError("label is %d UTF-16 units long after decomposition; at most 255 fit"
                              % len(self.label))
+
+    def rng(self):
+        return random.Random(self.o.seed) if self.o.scatter_nodes else None
 
     # ---- catalog contents
 
@@ -461,7 +473,6 @@ class Volume:
         if o.corrupt != "no-root-thread":
             entries.append((order(CNID_ROOT, ""), catalog_key(CNID_ROOT, ""),
                             thread_record(REC_FOLDER_THREAD, CNID_ROOT_PARENT, self.label)))
-        thread_key_cache = {}
         for parent, name, kind, cid in names:
             if o.name_length:
                 name = name.ljust(o.name_length, "x")
@@ -482,8 +493,8 @@ class Volume:
         ns = o.catalog_node_size
         return TreePlan([len(e[1]) for e in entries],
                         [248 if isinstance(e[2], tuple) else len(e[2]) for e in entries],
-                        None, ns, True, CATALOG_MAX_KEY, free,
-                        max(1, o.block_size // ns), min_total)
+                        ns, True, CATALOG_MAX_KEY, free,
+                        max(1, o.block_size // ns), min_total, self.rng())
 
     def files_for_depth(self, depth):
         """Smallest power-of-two-ish file count that gives the catalog this depth."""
@@ -531,8 +542,8 @@ class Volume:
         k = o.file_fragments
         ext_count += len(frag_files) * (-(-max(0, k - 8) // 8))
         ext_free = o.free_extents_nodes if o.free_extents_nodes is not None else 8
-        ext_plan = TreePlan([12] * ext_count, [64] * ext_count, None, ext_ns, False,
-                            EXTENTS_MAX_KEY, ext_free, max(1, bs // ext_ns))
+        ext_plan = TreePlan([12] * ext_count, [64] * ext_count, ext_ns, False,
+                            EXTENTS_MAX_KEY, ext_free, max(1, bs // ext_ns), 0, self.rng())
         ext_blocks = ext_plan.total * ext_ns // bs
 
         # Allocation block layout.
@@ -807,7 +818,11 @@ def parse_args(argv):
     p.add_argument("--file-fragments", type=int, default=0)
     p.add_argument("--name-length", type=int, default=0)
     p.add_argument("--corrupt", choices=CORRUPTIONS)
-    p.add_argument("--seed", type=int, default=0, help="varies the volume UUID")
+    p.add_argument("--scatter-nodes", action="store_true",
+                   help="place the B-tree nodes at random node numbers (see --seed), "
+                   "free nodes between them")
+    p.add_argument("--seed", type=int, default=0,
+                   help="seed of --scatter-nodes; also varies the volume UUID")
     p.add_argument("--info", action="store_true",
                    help="print a JSON summary of the layout on stdout")
     o = p.parse_args(argv)

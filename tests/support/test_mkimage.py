@@ -188,6 +188,7 @@ class MkimageTest(unittest.TestCase):
         set_bits = sum(bin(b).count("1") for b in bitmap)
         self.assertEqual(set_bits, img.total_blocks - img.free_blocks)
         self.assertEqual(sum(img.bitmap_bit(b) for b in range(img.total_blocks)), set_bits)
+        self.assertTrue(img.bitmap_bit(0) and img.bitmap_bit(img.total_blocks - 1))
         for name in ("allocation", "extents"):
             for s, c in img.forks[name][2]:
                 self.assertTrue(all(img.bitmap_bit(b) for b in range(s, s + c)), name)
@@ -240,23 +241,27 @@ class MkimageTest(unittest.TestCase):
 
     def test_matrix(self):
         # size, label, block, catalog node, extents node, hfsx, files, folders,
-        # fragments, free catalog nodes
+        # fragments, free catalog nodes, more options
         matrix = [
-            (20 << 20, "Plain", 512, 512, 512, False, 300, 7, 9, 0),
-            (20 << 20, "Café Ünïcode", 1024, 4096, 32768, True, 1, 0, 8, None),
-            (20 << 20, "Deep nodes", 4096, 32768, 4096, False, 0, 0, 20, None),
-            (64 << 20, "Big blocks", 65536, 4096, 512, True, 300, 3, 1, 0),
-            (200000000, "Big", 4096, 4096, 4096, False, 50000, 100, 9, 0),
-            (20 << 20, "Ünïcode HX", 512, 32768, 4096, True, 700, 20, 20, 0),
+            (20 << 20, "Plain", 512, 512, 512, False, 300, 7, 9, 0, []),
+            (20 << 20, "Café Ünïcode", 1024, 4096, 32768, True, 1, 0, 8, None, []),
+            (20 << 20, "Deep nodes", 4096, 32768, 4096, False, 0, 0, 20, None, []),
+            (64 << 20, "Big blocks", 65536, 4096, 512, True, 300, 3, 1, 0, []),
+            (200000000, "Big", 4096, 4096, 4096, False, 50000, 100, 9, 0, []),
+            (20 << 20, "Ünïcode HX", 512, 32768, 4096, True, 700, 20, 20, 0, []),
+            (20 << 20, "Scattered", 512, 512, 512, False, 2000, 10, 3, 500,
+             ["--scatter-nodes", "--seed", 7]),
         ]
         have_checker = os.path.exists(CHECKIMAGE)
-        for i, (size, label, bs, cns, ens, hfsx, files, folders, frags, free) in enumerate(matrix):
+        for i, row in enumerate(matrix):
+            size, label, bs, cns, ens, hfsx, files, folders, frags, free, more = row
             with self.subTest(row=i):
                 args = ["--size", size, "--label", label, "--block-size", bs,
                         "--catalog-node-size", cns, "--extents-node-size", ens,
                         "--files", files, "--folders", folders, "--catalog-fragments", frags]
                 args += ["--hfsx"] if hfsx else []
                 args += ["--free-catalog-nodes", free] if free is not None else []
+                args += more
                 path = self.build("m%d.img" % i, *args)
                 self.check_volume(path, size, label, bs, cns, ens, hfsx, files, folders,
                                   frags, free)
