@@ -36,6 +36,7 @@ implementation only rewrites the alternate when the structural layout changes.
 """
 
 import mmap
+import re
 import os
 import struct
 import sys
@@ -136,7 +137,7 @@ class Report:
         self.suppressed = {}
 
     def add(self, where, msg, kind=None):
-        kind = kind or where.split(" ")[0]
+        kind = kind or where.split(" ")[0] + ": " + re.sub(r"\d+|'.*?'", "#", msg)[:40]
         n = self.per_kind.get(kind, 0) + 1
         self.per_kind[kind] = n
         if n > MAX_LINES_PER_KIND:
@@ -147,7 +148,7 @@ class Report:
     def output(self):
         out = list(self.lines)
         for kind, n in sorted(self.suppressed.items()):
-            out.append("%s: ... %d more problems of this kind not shown" % (kind, n))
+            out.append("%s... (%d more lines like this not shown)" % (kind, n))
         return out
 
     def __bool__(self):
@@ -425,6 +426,7 @@ class Volume:
         height = depth
         leaf_chain = None
         damaged = False
+        in_use.add(root)
         while level and height >= 1:
             nodes_here = []
             next_level = []

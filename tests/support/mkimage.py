@@ -32,7 +32,10 @@ Layout choices made here (all allowed by the format):
     use 512 there; any power of two from 512 to 32768 is accepted);
   * generated names: "folder N" and "file NNNNNN"/"File NNNNNN" (odd files
     upper case, so that the case-folding and binary orders differ), padded
-    with "x" to --name-length units.
+    with "x" to --name-length units; CNIDs from 16, folders first; folders
+    directly in the root, or in chains of --nesting; file i goes to the root
+    (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
+  * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
 --info prints a JSON summary (tree depths, node counts, root node numbers,
 catalog extents) for tests that need to know the shape they got.
 Errors go to stderr with exit status 1.
@@ -445,13 +448,18 @@ class Volume:
         cnid = FIRST_USER_CNID
         folder_ids = []
         names = []
+        valence = {CNID_ROOT: 0}
+        subfolders = {CNID_ROOT: 0}
+        nesting = max(1, o.nesting)
         for i in range(1, folders + 1):
-            names.append((CNID_ROOT, "folder %d" % i, "folder", cnid))
+            # Chains of up to `nesting` folders, each inside the one before.
+            parent = folder_ids[-1] if (i - 1) % nesting else CNID_ROOT
+            names.append((parent, "folder %d" % i, "folder", cnid))
+            valence[parent] += 1
+            subfolders[parent] += 1
+            valence[cnid] = subfolders[cnid] = 0
             folder_ids.append(cnid)
             cnid += 1
-        valence = {CNID_ROOT: folders}
-        for f in folder_ids:
-            valence[f] = 0
         parents = [CNID_ROOT] + folder_ids
         for i in range(files):
             parent = parents[i % len(parents)]
@@ -469,7 +477,8 @@ class Volume:
         entries.append((order(CNID_ROOT_PARENT, self.label),
                         catalog_key(CNID_ROOT_PARENT, self.label),
                         folder_record(CNID_ROOT, valence[CNID_ROOT],
-                                      HAS_FOLDER_COUNT if hfsx else 0, folders if hfsx else 0)))
+                                      HAS_FOLDER_COUNT if hfsx else 0,
+                                      subfolders[CNID_ROOT] if hfsx else 0)))
         if o.corrupt != "no-root-thread":
             entries.append((order(CNID_ROOT, ""), catalog_key(CNID_ROOT, ""),
                             thread_record(REC_FOLDER_THREAD, CNID_ROOT_PARENT, self.label)))
@@ -477,7 +486,8 @@ class Volume:
             if o.name_length:
                 name = name.ljust(o.name_length, "x")
             entries.append((order(parent, name), catalog_key(parent, name),
-                            folder_record(cid, valence[cid], HAS_FOLDER_COUNT if hfsx else 0, 0)
+                            folder_record(cid, valence[cid], HAS_FOLDER_COUNT if hfsx else 0,
+                                          subfolders[cid] if hfsx else 0)
                             if kind == "folder" else ("file", cid)))
             entries.append(((cid, ""), catalog_key(cid, ""),
                             thread_record(REC_FOLDER_THREAD if kind == "folder" else REC_FILE_THREAD,
@@ -816,6 +826,9 @@ def parse_args(argv):
                    help="free extents overflow nodes (default 8, rounded up to whole blocks)")
     p.add_argument("--fragmented-files", type=int, default=0)
     p.add_argument("--file-fragments", type=int, default=0)
+    p.add_argument("--nesting", type=int, default=1,
+                   help="folders form chains of this many, each inside the previous "
+                   "(default 1: all folders directly in the root)")
     p.add_argument("--name-length", type=int, default=0)
     p.add_argument("--corrupt", choices=CORRUPTIONS)
     p.add_argument("--scatter-nodes", action="store_true",
