@@ -194,6 +194,7 @@ class Volume:
         to the image (missing bytes read as zero)."""
         parts = []
         have = 0
+        limit = min(limit, len(self.data))    # no fork is larger than the image
         bs = self.block_size
         for start, count in extents:
             if have >= limit:
@@ -826,7 +827,7 @@ class Volume:
         self.fold = load_case_folding()
         self.load_overflow()
         files = self.check_catalog()
-        if files is None or not self.overflow_complete:
+        if files is None or not self.overflow_complete or self.volume_bytes > len(self.data):
             return
         self.check_allocation(files)
 

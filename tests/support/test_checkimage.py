@@ -207,7 +207,22 @@ class BuilderVolumes(CheckerTestCase):
                     struct.pack_into(">I", img.data, rec + 88 + 16, total)
                     return
 
+        def overflow_start(img):
+            ext = be32(img.data, 1024 + 192 + 16) * img.bs
+            ext_ns = struct.unpack_from(">H", img.data, ext + 32)[0]
+            leaf = ext + be32(img.data, ext + 14 + 10) * ext_ns
+            img.add32(leaf + 14 + 8, 1)          # startBlock of the first key
+
+        def shared_block(img):
+            cat_block = be32(img.data, 1024 + 272 + 16)
+            for key, rec in img.leaf_records():
+                if struct.unpack_from(">H", img.data, rec)[0] == 2 and be32(img.data, rec + 88 + 12):
+                    struct.pack_into(">I", img.data, rec + 88 + 16, cat_block)
+                    return
+
         cases = [
+            (overflow_start, ["overflow record at fork block 9, but the fork's earlier extents end at block 8"]),
+            (shared_block, ["are also used by"]),
             (leaf_records, ["catalog header: leafRecords"]),
             (node_bitmap_bit, ["catalog node bitmap: nodes in use but not marked"]),
             (root_valence, ["catalog folder 2", "valence"]),
@@ -221,7 +236,7 @@ class BuilderVolumes(CheckerTestCase):
         for patch, fragments in cases:
             with self.subTest(patch=patch.__name__):
                 img = self.patched("--files", 200, "--catalog-node-size", 512,
-                                          "--fragmented-files", 3, "--file-fragments", 2)
+                                          "--fragmented-files", 3, "--file-fragments", 12)
                 before = bytes(img.data)
                 patch(img)
                 self.assertTrue(bytes(img.data) != before, "patch changed nothing")
@@ -260,6 +275,13 @@ class BuilderVolumes(CheckerTestCase):
             r = run(CHECK, img.path)
             self.assertIn(r.returncode, (0, 1), r.stderr)
             self.assertEqual(r.stderr, "")
+        # sizes far beyond the image must be reported, not allocated
+        img = Image(clean.path)
+        struct.pack_into(">I", img.data, 1024 + 44, 0xFFFFFFF0)
+        struct.pack_into(">QII", img.data, 1024 + 272, 1 << 62, 0, 0x7FFFFFFF)
+        struct.pack_into(">II", img.data, 1024 + 272 + 16, 0, 0x7FFFFFFF)
+        img.save()
+        self.assert_fault(img.path, "exceeds the image", "catalog file fork: logicalSize")
 
     def test_usage_errors(self):
         self.assertEqual(run(CHECK).returncode, 2)
