@@ -258,7 +258,8 @@ class BuilderVolumes(CheckerTestCase):
                 self.assert_fault(img.path, *fragments)
 
     def test_node_bitmap_continues_in_map_nodes(self):
-        args = ("--files", 3000, "--catalog-node-size", 512, "--free-catalog-nodes", 40000, "--scatter-nodes", "--seed", 1)
+        args = ("--files", 3000, "--catalog-node-size", 512, "--free-catalog-nodes", 40000,
+                "--scatter-nodes", "--seed", 1)
         img = Image(self.build("m.img", *args, size=8 * SIZE))
         self.assert_clean(img.path)
         root = be32(img.data, img.cat + 14 + 2)
