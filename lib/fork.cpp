@@ -517,7 +517,10 @@ morv_err morv_fork_process_read_io(void* context, uint64_t device_offset, uint64
       return err;
     }
     morv::buffer<uint8_t> held(static_cast<uint8_t*>(sector));
-    // The tail is taken from the end of the sector, as this library always has.
+    // The tail bytes are taken from the end of the sector: the long-standing
+    // behaviour of this path, kept as it is. Only a fork whose logical size
+    // ends inside a device sector gets here; the special files, sized in whole
+    // allocation blocks, never do.
     memcpy(ctx->destination + ctx->delivered, held.get() + (d - lead_out),
            static_cast<size_t>(lead_out));
     ctx->delivered += lead_out;
