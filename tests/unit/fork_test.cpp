@@ -323,6 +323,14 @@ TEST(ForkWrite, CacheOnlyThenFlushWritesModifiedRuns) {
   EXPECT_EQ(item0->modified, 6u);
   EXPECT_EQ(item0->references, 0u);
   EXPECT_EQ(img->file.read_all(), original);
+  // A sector written whole and never read is served from the cache: reading
+  // it from the device now would lose the write.
+  img->observe();
+  std::vector<uint8_t> back(512);
+  ASSERT_EQ(morv_fork_read(img->fork, 15 * 512, back.data(), back.size(), nullptr), MORV_OK);
+  EXPECT_EQ(back, std::vector<uint8_t>(img->disk.begin() + 40 * 512 + 15 * 512,
+                                       img->disk.begin() + 40 * 512 + 16 * 512));
+  EXPECT_TRUE(g_requests.empty());
 
   img->observe();
   ASSERT_EQ(morv_fork_flush(img->fork), MORV_OK);
