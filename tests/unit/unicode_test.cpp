@@ -235,9 +235,12 @@ TEST(Utf8ToUnistr, DecodingAndInvalidForms) {
   EXPECT_EQ(convert("a\xF5", MORV_ERR_INVALID_ARGUMENT), Units{});
   // A four-byte form beyond U+10FFFF stops the conversion short of the count.
   EXPECT_EQ(convert("\xF4\x90\x80\x80z", MORV_ERR_INTERNAL), Units{});
+  // So does a 0 byte inside `len`; its unit must not be stored past the buffer.
+  EXPECT_EQ(convert(std::string("a\0b", 3), MORV_ERR_INTERNAL), Units{});
   const std::string log = captured_log();
   EXPECT_TRUE(has(log, "] Error while getting UTF-16 size for UTF-8 string.\n")) << log;
   EXPECT_TRUE(has(log, "] Internal error - Filled length is not as expected. Expected: 3 Actual: 2\n"));
+  EXPECT_TRUE(has(log, "Expected: 1 Actual: 2\n")) << log;
 }
 
 TEST(Utf8ToUnistr, CallerBuffersAndAllocationReportedAsSuccess) {
