@@ -1,0 +1,866 @@
+#!/usr/bin/env python3
+"""Build an HFS+ or HFSX volume image for the tests.
+
+    mkimage.py OUT --size BYTES --label TEXT [options]
+
+The image is a complete, consistent volume in the published HFS+ layout
+(Apple TN1150): boot blocks, volume header and alternate volume header, the
+allocation file, the extents overflow B-tree and the catalog B-tree, with a
+root folder named after the label and optional generated folders and files.
+It shares no code with the C++ library: it is an independent writer of the
+format so that it can catch the library's mistakes.  Optional corruptions
+damage exactly one structure and leave the rest consistent.
+
+Layout choices made here (all allowed by the format):
+  * allocation blocks in order: reserved blocks covering bytes 0..1535 (boot
+    blocks and volume header), allocation file, extents overflow file, catalog
+    fragments separated by one free block, then the one-block extents of the
+    fragmented files, each followed by a free block; the block(s) holding the
+    last 1024 bytes of totalBlocks x blockSize are allocated;
+  * the alternate volume header is written 1024 bytes before the end of the
+    image and, when the size is not a multiple of the block size, also 1024
+    bytes before the end of the last allocation block;
+  * bits of the allocation bitmap past totalBlocks are zero;
+  * B-tree nodes: header node 0, map nodes 1..m, then the leaves in key
+    order, then the index levels bottom up (the root is the last used node);
+    free nodes follow, so the node bitmap marks a prefix of the tree.  With
+    --scatter-nodes the leaf and index nodes take random numbers (from
+    --seed) among all nodes past the map nodes, free nodes between them;
+  * map node record length is nodeSize - 20 (the two spare bytes keep the
+    record a multiple of four, as the Apple implementation does);
+  * the extents overflow node size defaults to 4096 (TN1150 volumes usually
+    use 512 there; any power of two from 512 to 32768 is accepted);
+  * generated names: "folder N" and "file NNNNNN"/"File NNNNNN" (odd files
+    upper case, so that the case-folding and binary orders differ), padded
+    with "x" to --name-length units; CNIDs from 16, folders first; folders
+    directly in the root, or in chains of --nesting; file i goes to the root
+    (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
+  * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
+--info prints a JSON summary (tree depths, node counts, root node numbers,
+catalog extents) for tests that need to know the shape they got.
+Errors go to stderr with exit status 1.
+"""
+
+import argparse
+import hashlib
+import json
+import os
+import random
+import struct
+import sys
+import unicodedata
+
+REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+FOLDING_PATH = os.path.join(REPO, "scripts", "data", "hfsplus-case-folding.txt")
+
+# Special catalog node IDs.
+CNID_ROOT_PARENT = 1
+CNID_ROOT = 2
+CNID_EXTENTS = 3
+CNID_CATALOG = 4
+CNID_ALLOCATION = 6
+FIRST_USER_CNID = 16
+
+# Catalog record types.
+REC_FOLDER = 1
+REC_FILE = 2
+REC_FOLDER_THREAD = 3
+REC_FILE_THREAD = 4
+
+# B-tree node kinds.
+KIND_LEAF = -1
+KIND_INDEX = 0
+KIND_HEADER = 1
+KIND_MAP = 2
+
+BT_BIG_KEYS = 0x2
+BT_VARIABLE_INDEX_KEYS = 0x4
+COMPARE_CASE_FOLDING = 0xCF
+COMPARE_BINARY = 0xBC
+CATALOG_MAX_KEY = 516
+EXTENTS_MAX_KEY = 10
+
+VOLUME_UNMOUNTED = 1 << 8
+HAS_FOLDER_COUNT = 0x10
+FILE_THREAD_EXISTS = 0x02
+
+# 2024-01-01 00:00:00 UTC in HFS+ time (seconds since 1904-01-01).
+HFS_TIME = 1704067200 + 2082844800
+
+CORRUPTIONS = (
+    "bad-signature", "header-kind", "header-records", "btree-type",
+    "extents-btree-type", "index-self", "index-beyond", "index-cycle",
+    "offsets-order", "no-root-thread", "long-root-name",
+)
+
+NODE_DESC = struct.Struct(">IIbBHH")
+EXTENT_KEY = struct.Struct(">HBBII")
+
+
+class BuildError(Exception):
+    pass
+
+
+# ---------------------------------------------------------------- names
+
+_folding = None
+
+
+def folding_table():
+    """str.translate table of the HFS+ case-folding order: upper case to lower
+    case, ignorable units removed, U+0000 to U+FFFF."""
+    global _folding
+    if _folding is None:
+        table = {}
+        with open(FOLDING_PATH, encoding="ascii") as f:
+            for line in f:
+                line = line.strip()
+                if not line or line.startswith("#"):
+                    continue
+                unit, folded = (int(x, 16) for x in line.split())
+                table[unit] = None if folded == 0 else folded
+        if table.get(0) != 0xFFFF:
+            raise BuildError("case-folding data: U+0000 must fold to U+FFFF")
+        _folding = table
+    return _folding
+
+
+def name_order(units, binary):
+    """Sort key of a name (a str of UTF-16 units) in the volume's order.
+    Case folding: units folded, ignorables skipped, folded values compared as
+    unsigned 16-bit numbers, a prefix first.  Binary: the units as they are,
+    a unit 0 ending the name."""
+    if binary:
+        zero = units.find("\0")
+        return units if zero < 0 else units[:zero]
+    return units.translate(folding_table())
+
+
+# Characters HFS+ leaves whole although current Unicode decomposes them, and
+# decompositions that differ from current Unicode (the HFS+ table predates it).
+_NO_DECOMPOSE = set(
+    [0x01F8, 0x01F9, 0x0218, 0x0219, 0x021A, 0x021B, 0x021E, 0x021F, 0x0400,
+     0x040D, 0x0450, 0x045D, 0x04EC, 0x04ED, 0x06C0, 0x06C2, 0x06D3, 0x0A33,
+     0x0A36, 0x0DDA, 0x0DDC, 0x0DDD, 0x0DDE, 0x1026, 0x1B06, 0x1B08, 0x1B0A,
+     0x1B0C, 0x1B0E, 0x1B12, 0x1B3B, 0x1B3D, 0x1B40, 0x1B41, 0x1B43, 0xFB1D]
+    + list(range(0x0226, 0x0234)) + list(range(0x0622, 0x0627)))
+_OWN_DECOMPOSITION = {
+    0x0310: [0x0306, 0x0307], 0x04D4: [0x00C6], 0x04D5: [0x00E6],
+    0x04D8: [0x018F], 0x04D9: [0x0259], 0x04E0: [0x01B7], 0x04E1: [0x0292],
+    0x04E8: [0x019F], 0x04E9: [0x0275], 0x09B0: [0x09AC, 0x09BC],
+    0x0A5C: [0x0A21, 0x0A3C], 0x0B5F: [0x0B2F, 0x0B3C], 0x0E33: [0x0E4D, 0x0E32],
+    0x0EB3: [0x0ECD, 0x0EB2], 0x0F77: [0x0FB2, 0x0F80, 0x0F71],
+    0x0F79: [0x0FB3, 0x0F80, 0x0F71], 0x0F73: [0x0F72, 0x0F71],
+    0x0F75: [0x0F74, 0x0F71], 0x0F81: [0x0F80, 0x0F71],
+}
+_TONOS = {0x0344, 0x0385, 0x0386, 0x0388, 0x0389, 0x038A, 0x038C, 0x038E,
+          0x038F, 0x0390, 0x03AC, 0x03AD, 0x03AE, 0x03AF, 0x03B0, 0x03CC,
+          0x03CD, 0x03CE, 0x03D3}
+_IOTA_FIRST = set(range(0x1F80, 0x1FB0)) | {0x1FB2, 0x1FB4, 0x1FB7, 0x1FC2,
+                                            0x1FC4, 0x1FC7, 0x1FF2, 0x1FF4, 0x1FF7}
+
+
+def decompose_char(cp):
+    if (cp > 0xFFFF or 0x2000 <= cp <= 0x2FFF or 0xF900 <= cp <= 0xFAFF
+            or cp in _NO_DECOMPOSE):
+        return [cp]
+    if cp in _OWN_DECOMPOSITION:
+        return list(_OWN_DECOMPOSITION[cp])
+    out = [ord(c) for c in unicodedata.normalize("NFD", chr(cp))]
+    if len(out) == 1 and out[0] == cp:
+        return out
+    # A decomposition whose parts HFS+ decomposes differently (U+04DA ...).
+    parts = []
+    for u in out:
+        parts.extend(_OWN_DECOMPOSITION.get(u, [u]) if u in (0x04D8, 0x04D9, 0x04E8, 0x04E9) else [u])
+    out = parts
+    if cp in _TONOS:
+        out = [0x030D if u == 0x0301 else u for u in out]
+    if cp in _IOTA_FIRST and 0x0345 in out:
+        out.remove(0x0345)
+        out.insert(1, 0x0345)
+        if cp == 0x1FF4:
+            out[0] = 0x03BF
+    return out
+
+
+def hfs_name(text):
+    """UTF-8 text to the stored HFS+ form: decomposed, as a str of UTF-16
+    units (astral characters as surrogate pairs)."""
+    units = []
+    for ch in text:
+        for cp in decompose_char(ord(ch)):
+            if cp > 0xFFFF:
+                cp -= 0x10000
+                units.append(0xD800 + (cp >> 10))
+                units.append(0xDC00 + (cp & 0x3FF))
+            else:
+                units.append(cp)
+    return "".join(map(chr, units))
+
+
+def encode_units(units):
+    return units.encode("utf-16-be", "surrogatepass")
+
+
+def catalog_key(parent, units):
+    return struct.pack(">HIH", 6 + 2 * len(units), parent, len(units)) + encode_units(units)
+
+
+# ---------------------------------------------------------------- records
+
+def fork_data(logical_size, clump, total_blocks, extents):
+    ext = list(extents)[:8]
+    ext += [(0, 0)] * (8 - len(ext))
+    flat = [v for e in ext for v in e]
+    return struct.pack(">QII16I", logical_size, clump, total_blocks, *flat)
+
+
+def folder_record(cnid, valence, flags, folder_count):
+    return (struct.pack(">HHII5I", REC_FOLDER, flags, valence, cnid, *([HFS_TIME] * 5))
+            + struct.pack(">IIBBHI", 0, 0, 0, 0, 0o40755, 0)
+            + bytes(32) + struct.pack(">II", 0, folder_count))
+
+
+def file_record(cnid, data_fork=None):
+    return (struct.pack(">HHII5I", REC_FILE, FILE_THREAD_EXISTS, 0, cnid, *([HFS_TIME] * 5))
+            + struct.pack(">IIBBHI", 0, 0, 0, 0, 0o100644, 0)
+            + bytes(32) + struct.pack(">II", 0, 0)
+            + (data_fork or bytes(80)) + bytes(80))
+
+
+def thread_record(kind, parent, units):
+    return struct.pack(">HHIH", kind, 0, parent, len(units)) + encode_units(units)
+
+
+# ---------------------------------------------------------------- B-trees
+
+class TreePlan:
+    """Shape of a B-tree built bottom up from sorted records: which records go
+    in which leaf, which children in which index node, node numbers, map nodes
+    and the total node count."""
+
+    def __init__(self, key_lens, data_lens, node_size, var_index, max_key_len,
+                 free_nodes, nodes_per_block, min_total=0, rng=None):
+        ns = node_size
+        cap = ns - 14 - 2          # descriptor and the free-space offset
+        self.ns = ns
+        self.levels = []           # per level: list of (start, end) into the level below
+        sizes = [k + d for k, d in zip(key_lens, data_lens)]
+        self.levels.append(self._group(sizes, cap, "record"))
+        idx_len = (lambda k: k + 4) if var_index else (lambda k: max_key_len + 2 + 4)
+        # Key length of the first record of every node of the current level.
+        firsts = [key_lens[s] for s, _ in self.levels[0]]
+        while len(self.levels[-1]) > 1:
+            groups = self._group([idx_len(k) for k in firsts], cap, "index record")
+            if len(groups) >= len(firsts):
+                raise BuildError("node size %d is too small: an index node cannot hold two "
+                                 "index records" % ns)
+            self.levels.append(groups)
+            firsts = [firsts[s] for s, _ in groups]
+        if not sizes:
+            self.levels = []
+        self.used_tree = sum(len(l) for l in self.levels)
+        hdr_bits = (ns - 256) * 8
+        map_bits = (ns - 20) * 8
+        maps = 0
+        while True:
+            total = max(1 + maps + self.used_tree + free_nodes, min_total)
+            total = -(-total // nodes_per_block) * nodes_per_block
+            need = max(0, -(-(total - hdr_bits) // map_bits))
+            if need <= maps:
+                break
+            maps = need
+        self.maps = maps
+        self.total = total
+        self.used = 1 + maps + self.used_tree
+        self.free = total - self.used
+        # Node numbers: header 0, map nodes, leaves, index levels bottom up;
+        # scattered at random over the nodes past the map nodes when asked.
+        slots = list(range(1 + maps, total))
+        if rng is not None:
+            slots = rng.sample(slots, self.used_tree)
+        self.numbers = []
+        n = 0
+        for level in self.levels:
+            self.numbers.append(slots[n:n + len(level)])
+            n += len(level)
+
+    @staticmethod
+    def _group(sizes, cap, what):
+        groups = []
+        start = used = 0
+        for i, s in enumerate(sizes):
+            c = s + 2
+            if c > cap:
+                raise BuildError("a %s of %d bytes does not fit in a node (room for %d); "
+                                 "use a larger node size" % (what, s, cap - 2))
+            if used + c > cap:
+                groups.append((start, i))
+                start, used = i, 0
+            used += c
+        if sizes:
+            groups.append((start, len(sizes)))
+        return groups
+
+    @property
+    def depth(self):
+        return len(self.levels)
+
+    @property
+    def root(self):
+        return self.numbers[-1][0] if self.levels else 0
+
+
+def put_node(buf, base, ns, flink, blink, kind, height, records):
+    NODE_DESC.pack_into(buf, base, flink, blink, kind, height, len(records), 0)
+    pos = 14
+    offsets = []
+    for r in records:
+        offsets.append(pos)
+        buf[base + pos:base + pos + len(r)] = r
+        pos += len(r)
+    offsets.append(pos)
+    offsets.reverse()
+    struct.pack_into(">%dH" % len(offsets), buf, base + ns - 2 * len(offsets), *offsets)
+
+
+def serialize_tree(plan, keys, datas, var_index, max_key_len, compare_type, attributes,
+                   clump):
+    """Whole tree file (totalNodes x nodeSize bytes) for the planned shape."""
+    ns = plan.ns
+    buf = bytearray(plan.total * ns)
+    level_first_keys = []
+    n_records = len(keys)
+    # Leaves.
+    if plan.levels:
+        nums = plan.numbers[0]
+        firsts = []
+        for i, (s, e) in enumerate(plan.levels[0]):
+            put_node(buf, nums[i] * ns, ns,
+                     nums[i + 1] if i + 1 < len(nums) else 0,
+                     nums[i - 1] if i > 0 else 0,
+                     KIND_LEAF, 1, [keys[j] + datas[j] for j in range(s, e)])
+            firsts.append(keys[s])
+        for h in range(1, plan.depth):
+            below = plan.numbers[h - 1]
+            nums = plan.numbers[h]
+            new_firsts = []
+            for i, (s, e) in enumerate(plan.levels[h]):
+                recs = []
+                for j in range(s, e):
+                    k = firsts[j]
+                    if not var_index:
+                        k = struct.pack(">H", max_key_len) + k[2:].ljust(max_key_len, b"\0")
+                    recs.append(k + struct.pack(">I", below[j]))
+                put_node(buf, nums[i] * ns, ns,
+                         nums[i + 1] if i + 1 < len(nums) else 0,
+                         nums[i - 1] if i > 0 else 0,
+                         KIND_INDEX, h + 1, recs)
+                new_firsts.append(firsts[s])
+            firsts = new_firsts
+    # Header node.
+    first_leaf = plan.numbers[0][0] if plan.levels else 0
+    last_leaf = plan.numbers[0][-1] if plan.levels else 0
+    header_rec = struct.pack(">HIIIIHHIIHIBBI64x", plan.depth, plan.root, n_records,
+                             first_leaf, last_leaf, ns, max_key_len, plan.total, plan.free,
+                             0, clump, 0, compare_type, attributes)
+    assert len(header_rec) == 106
+    bitmap = bytearray(-(-plan.total // 8))
+    for n in [0] + list(range(1, 1 + plan.maps)) + [n for l in plan.numbers for n in l]:
+        bitmap[n >> 3] |= 0x80 >> (n & 7)
+    hdr_map = ns - 256
+    put_node(buf, 0, ns, 1 if plan.maps else 0, 0, KIND_HEADER, 0,
+             [header_rec, bytes(128), bytes(bitmap[:hdr_map]).ljust(hdr_map, b"\0")])
+    pos = hdr_map
+    map_len = ns - 20
+    for m in range(plan.maps):
+        node = 1 + m
+        base = node * ns
+        NODE_DESC.pack_into(buf, base, node + 1 if m + 1 < plan.maps else 0, 0, KIND_MAP, 0, 1, 0)
+        part = bitmap[pos:pos + map_len]
+        buf[base + 14:base + 14 + len(part)] = part
+        struct.pack_into(">HH", buf, base + ns - 4, 14 + map_len, 14)
+        pos += map_len
+    return buf
+
+
+def node_records(buf, ns, node):
+    base = node * ns
+    n = struct.unpack_from(">H", buf, base + 10)[0]
+    return [struct.unpack_from(">H", buf, base + ns - 2 * (i + 1))[0] for i in range(n)]
+
+
+# ---------------------------------------------------------------- volume
+
+def power_of_two(n):
+    return n > 0 and n & (n - 1) == 0
+
+
+class Volume:
+    def __init__(self, o):
+        self.o = o
+        bs = o.block_size
+        if not power_of_two(bs) or not 512 <= bs <= 65536:
+            raise BuildError("block size must be a power of two from 512 to 65536")
+        for what, ns in (("catalog", o.catalog_node_size), ("extents", o.extents_node_size)):
+            if not power_of_two(ns) or not 512 <= ns <= 32768:
+                raise BuildError("%s node size must be a power of two from 512 to 32768" % what)
+        if o.size % 512:
+            raise BuildError("size %d is not a whole number of 512-byte sectors" % o.size)
+        if o.size < 2 * bs or o.size < 4096:
+            raise BuildError("size %d is too small for a volume" % o.size)
+        self.total_blocks = o.size // bs
+        if self.total_blocks > 0xFFFFFFFF:
+            raise BuildError("size %d gives more than 2^32 - 1 allocation blocks" % o.size)
+        for name in ("files", "folders", "catalog_fragments", "fragmented_files",
+                     "file_fragments", "name_length"):
+            if getattr(o, name) < 0:
+                raise BuildError("--%s must not be negative" % name.replace("_", "-"))
+        if o.catalog_fragments < 1:
+            raise BuildError("--catalog-fragments must be at least 1")
+        if o.fragmented_files > o.files:
+            raise BuildError("--fragmented-files %d exceeds --files %d" % (o.fragmented_files, o.files))
+        if o.fragmented_files and o.file_fragments < 1:
+            raise BuildError("--fragmented-files needs --file-fragments of at least 1")
+        if o.name_length > 255:
+            raise BuildError("--name-length must not exceed 255")
+        self.binary = o.hfsx
+        if any(0xD800 <= ord(c) <= 0xDFFF for c in o.label):
+            raise BuildError("label is not valid UTF-8")
+        self.label = hfs_name(o.label)
+        if o.corrupt == "long-root-name":
+            self.label = (self.label + "x" * 256)[:256]
+        elif len(self.label) > 255:
+            raise BuildError("label is %d UTF-16 units long after decomposition; at most 255 fit"
+                             % len(self.label))
+
+    def rng(self):
+        return random.Random(self.o.seed) if self.o.scatter_nodes else None
+
+    # ---- catalog contents
+
+    def catalog_entries(self, files):
+        """(sort key, key bytes, data bytes or ('file', cnid)) of every record."""
+        o = self.o
+        entries = []
+        folders = o.folders
+        cnid = FIRST_USER_CNID
+        folder_ids = []
+        names = []
+        valence = {CNID_ROOT: 0}
+        subfolders = {CNID_ROOT: 0}
+        nesting = max(1, o.nesting)
+        for i in range(1, folders + 1):
+            # Chains of up to `nesting` folders, each inside the one before.
+            parent = folder_ids[-1] if (i - 1) % nesting else CNID_ROOT
+            names.append((parent, "folder %d" % i, "folder", cnid))
+            valence[parent] += 1
+            subfolders[parent] += 1
+            valence[cnid] = subfolders[cnid] = 0
+            folder_ids.append(cnid)
+            cnid += 1
+        parents = [CNID_ROOT] + folder_ids
+        for i in range(files):
+            parent = parents[i % len(parents)]
+            valence[parent] += 1
+            names.append((parent, ("File %06d" if i % 2 else "file %06d") % i, "file", cnid))
+            cnid += 1
+        self.next_cnid = cnid
+        longest = max((len(n[1]) for n in names), default=0)
+        if o.name_length and o.name_length < longest:
+            raise BuildError("--name-length %d is shorter than the generated names (%d units)"
+                             % (o.name_length, longest))
+        hfsx = self.binary
+        order = lambda parent, units: (parent, name_order(units, self.binary))
+        # Root folder and its thread.
+        entries.append((order(CNID_ROOT_PARENT, self.label),
+                        catalog_key(CNID_ROOT_PARENT, self.label),
+                        folder_record(CNID_ROOT, valence[CNID_ROOT],
+                                      HAS_FOLDER_COUNT if hfsx else 0,
+                                      subfolders[CNID_ROOT] if hfsx else 0)))
+        if o.corrupt != "no-root-thread":
+            entries.append((order(CNID_ROOT, ""), catalog_key(CNID_ROOT, ""),
+                            thread_record(REC_FOLDER_THREAD, CNID_ROOT_PARENT, self.label)))
+        for parent, name, kind, cid in names:
+            if o.name_length:
+                name = name.ljust(o.name_length, "x")
+            entries.append((order(parent, name), catalog_key(parent, name),
+                            folder_record(cid, valence[cid], HAS_FOLDER_COUNT if hfsx else 0,
+                                          subfolders[cid] if hfsx else 0)
+                            if kind == "folder" else ("file", cid)))
+            entries.append(((cid, ""), catalog_key(cid, ""),
+                            thread_record(REC_FOLDER_THREAD if kind == "folder" else REC_FILE_THREAD,
+                                          parent, name)))
+        entries.sort(key=lambda e: e[0])
+        for a, b in zip(entries, entries[1:]):
+            if a[0] == b[0]:
+                raise BuildError("two catalog keys compare equal: %r" % (a[1],))
+        return entries
+
+    def catalog_plan(self, entries, free, min_total=0):
+        o = self.o
+        ns = o.catalog_node_size
+        return TreePlan([len(e[1]) for e in entries],
+                        [248 if isinstance(e[2], tuple) else len(e[2]) for e in entries],
+                        ns, True, CATALOG_MAX_KEY, free,
+                        max(1, o.block_size // ns), min_total, self.rng())
+
+    def files_for_depth(self, depth):
+        """Smallest power-of-two-ish file count that gives the catalog this depth."""
+        files = 64
+        while files <= 4_000_000:
+            plan = self.catalog_plan(self.catalog_entries(files), 0)
+            if plan.depth >= depth:
+                return files
+            files *= 2
+        return None
+
+    # ---- build
+
+    def build(self):
+        o = self.o
+        bs = o.block_size
+        entries = self.catalog_entries(o.files)
+        cat_ns = o.catalog_node_size
+        ext_ns = o.extents_node_size
+        cat_free = o.free_catalog_nodes
+        explicit_free = cat_free is not None
+        if cat_free is None:
+            cat_free = 16
+        cat_plan = self.catalog_plan(entries, cat_free)
+        cat_blocks = cat_plan.total * cat_ns // bs
+        if cat_blocks < o.catalog_fragments:
+            if explicit_free:
+                raise BuildError("the catalog has only %d allocation blocks and cannot be split "
+                                 "into %d fragments; give more free catalog nodes"
+                                 % (cat_blocks, o.catalog_fragments))
+            cat_plan = self.catalog_plan(entries, cat_free,
+                                         -(-o.catalog_fragments * bs // cat_ns))
+            cat_blocks = cat_plan.total * cat_ns // bs
+        self.check_corruption_depth(cat_plan)
+
+        # Catalog fragments: as even as possible.
+        nfrag = o.catalog_fragments
+        frag_sizes = [cat_blocks // nfrag + (1 if i < cat_blocks % nfrag else 0) for i in range(nfrag)]
+
+        # Extents overflow records: catalog fragments past the eighth, then the
+        # fragmented files' extents past their eighth.
+        ext_count = -(-max(0, nfrag - 8) // 8)
+        frag_files = [e[2][1] for e in entries if isinstance(e[2], tuple)]
+        frag_files = sorted(frag_files)[:o.fragmented_files]
+        k = o.file_fragments
+        ext_count += len(frag_files) * (-(-max(0, k - 8) // 8))
+        ext_free = o.free_extents_nodes if o.free_extents_nodes is not None else 8
+        ext_plan = TreePlan([12] * ext_count, [64] * ext_count, ext_ns, False,
+                            EXTENTS_MAX_KEY, ext_free, max(1, bs // ext_ns), 0, self.rng())
+        ext_blocks = ext_plan.total * ext_ns // bs
+
+        # Allocation block layout.
+        tb = self.total_blocks
+        reserved = -(-1536 // bs)
+        alloc_blocks = -(-(-(-tb // 8)) // bs)
+        used = [(0, reserved)]
+        blk = reserved
+        alloc_ext = (blk, alloc_blocks)
+        used.append(alloc_ext)
+        blk += alloc_blocks
+        ext_ext = (blk, ext_blocks)
+        used.append(ext_ext)
+        blk += ext_blocks
+        cat_exts = []
+        for i, s in enumerate(frag_sizes):
+            if i:
+                blk += 1
+            cat_exts.append((blk, s))
+            blk += s
+        file_exts = {}
+        if frag_files:
+            blk += 1
+        for cid in frag_files:
+            file_exts[cid] = []
+            for _ in range(k):
+                file_exts[cid].append((blk, 1))
+                blk += 2
+        used += cat_exts + [e for v in file_exts.values() for e in v]
+        # The last 1024 bytes of the blocks hold the alternate volume header
+        # (and a reserved sector); they are always allocated.
+        alt_first = (tb * bs - 1024) // bs
+        alt = list(range(alt_first, tb))
+        limit = alt[0] if alt else tb
+        if blk > limit:
+            raise BuildError("volume of %d bytes is too small: the metadata needs %d allocation "
+                             "blocks of %d bytes and only %d are available"
+                             % (o.size, blk + len(alt), bs, tb))
+        if alt:
+            used.append((alt[0], len(alt)))
+        self.next_allocation = blk if blk < tb else 0
+
+        # Extents overflow records.
+        ext_recs = []
+
+        def overflow(file_id, extents):
+            for start in range(8, len(extents), 8):
+                fork_block = sum(c for _, c in extents[:start])
+                ext_recs.append((EXTENT_KEY.pack(10, 0, 0, file_id, fork_block),
+                                 fork_data(0, 0, 0, extents[start:start + 8])[16:]))
+
+        overflow(CNID_CATALOG, cat_exts)
+        for cid in frag_files:
+            overflow(cid, file_exts[cid])
+        ext_recs.sort(key=lambda r: struct.unpack(">IBI", r[0][4:8] + r[0][2:3] + r[0][8:12]))
+        assert len(ext_recs) == ext_count
+
+        # Catalog records with the files' fork data filled in.
+        keys = []
+        datas = []
+        for _, key, data in entries:
+            keys.append(key)
+            if isinstance(data, tuple):
+                cid = data[1]
+                exts = file_exts.get(cid)
+                fork = fork_data(len(exts) * bs, bs, len(exts), exts) if exts else None
+                data = file_record(cid, fork)
+            datas.append(data)
+
+        cat = serialize_tree(cat_plan, keys, datas, True, CATALOG_MAX_KEY,
+                             COMPARE_BINARY if self.binary else COMPARE_CASE_FOLDING,
+                             BT_BIG_KEYS | BT_VARIABLE_INDEX_KEYS, cat_ns)
+        ext = serialize_tree(ext_plan, [r[0] for r in ext_recs], [r[1] for r in ext_recs],
+                             False, EXTENTS_MAX_KEY, 0, BT_BIG_KEYS, ext_ns)
+
+        # Allocation bitmap.
+        bitmap = bytearray(alloc_blocks * bs)
+        in_use = 0
+        for start, count in used:
+            set_bits(bitmap, start, count)
+            in_use += count
+        self.free_blocks = tb - in_use
+
+        self.forks = {
+            "allocation": (alloc_blocks * bs, alloc_blocks, [alloc_ext]),
+            "extents": (ext_plan.total * ext_ns, ext_blocks, [ext_ext]),
+            "catalog": (cat_plan.total * cat_ns, cat_blocks, cat_exts),
+        }
+        self.cat_plan, self.ext_plan = cat_plan, ext_plan
+        self.cat, self.ext, self.bitmap = cat, ext, bitmap
+        self.file_count = o.files
+        self.folder_count = o.folders
+        self.apply_tree_corruption()
+        return self
+
+    # ---- corruptions
+
+    def check_corruption_depth(self, plan):
+        need = {"index-self": 2, "index-beyond": 2, "index-cycle": 3}.get(self.o.corrupt)
+        if need and plan.depth < need:
+            files = self.files_for_depth(need)
+            hint = ("at least about %d files" % files) if files else "many more files"
+            raise BuildError("--corrupt %s needs a catalog tree depth of %d or more, but this "
+                             "catalog has depth %d; with these node sizes use %s"
+                             % (self.o.corrupt, need, plan.depth, hint))
+
+    def root_thread_path(self):
+        """Nodes and record indexes that a search for the root folder's thread
+        record (parentID 2, empty name) takes, from the root down."""
+        plan, buf, ns = self.cat_plan, self.cat, self.o.catalog_node_size
+        target = (CNID_ROOT, "")
+        node = plan.root
+        path = []
+        for _ in range(plan.depth - 1):
+            offs = node_records(buf, ns, node)
+            chosen = 0
+            for i, off in enumerate(offs):
+                klen, parent, nlen = struct.unpack_from(">HIH", buf, node * ns + off)
+                units = bytes(buf[node * ns + off + 8:node * ns + off + 8 + 2 * nlen]).decode(
+                    "utf-16-be", "surrogatepass")
+                if (parent, name_order(units, self.binary)) <= target:
+                    chosen = i
+            path.append((node, chosen, offs[chosen]))
+            off = node * ns + offs[chosen]
+            klen = struct.unpack_from(">H", buf, off)[0]
+            node = struct.unpack_from(">I", buf, off + 2 + klen)[0]
+        return path
+
+    def set_child(self, node, off, child):
+        ns = self.o.catalog_node_size
+        at = node * ns + off
+        klen = struct.unpack_from(">H", self.cat, at)[0]
+        struct.pack_into(">I", self.cat, at + 2 + klen, child)
+
+    def apply_tree_corruption(self):
+        c = self.o.corrupt
+        ns = self.o.catalog_node_size
+        if c == "header-kind":
+            struct.pack_into(">b", self.cat, 8, 0)
+        elif c == "header-records":
+            struct.pack_into(">H", self.cat, 10, 2)
+        elif c == "btree-type":
+            self.cat[14 + 36] = 128
+        elif c == "extents-btree-type":
+            self.ext[14 + 36] = 128
+        elif c in ("index-self", "index-beyond", "index-cycle"):
+            path = self.root_thread_path()
+            node, _, off = path[-1]          # the lowest index node on the path
+            if c == "index-self":
+                child = node
+            elif c == "index-beyond":
+                child = self.cat_plan.total
+            else:
+                child = path[-2][0]          # its parent on the path
+            self.set_child(node, off, child)
+        elif c == "offsets-order":
+            for leaf in self.cat_plan.numbers[0]:
+                offs = node_records(self.cat, ns, leaf)
+                if len(offs) >= 2:
+                    base = leaf * ns
+                    struct.pack_into(">HH", self.cat, base + ns - 4, offs[0], offs[1])
+                    break
+            else:
+                raise BuildError("no leaf node has two records to put out of order")
+
+    # ---- output
+
+    def volume_header(self):
+        o = self.o
+        bs = o.block_size
+        sig, version = (b"HX", 5) if o.hfsx else (b"H+", 4)
+        if o.corrupt == "bad-signature":
+            sig = b"BD"
+        uuid = hashlib.sha256(("%d:%s" % (o.seed, o.label)).encode()).digest()[:8]
+        finder = struct.pack(">6I", 0, 0, 0, 0, 0, 0) + uuid
+        forks = b""
+        for name in ("allocation", "extents", "catalog"):
+            size, blocks, exts = self.forks[name]
+            clump = {"allocation": bs, "extents": o.extents_node_size,
+                     "catalog": o.catalog_node_size}[name]
+            forks += fork_data(size, max(clump, bs), blocks, exts)
+        forks += bytes(160)
+        hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, VOLUME_UNMOUNTED,
+                                 0x3130_2E30, 0, HFS_TIME, HFS_TIME, 0, HFS_TIME,
+                                 self.file_count, self.folder_count, bs, self.total_blocks,
+                                 self.free_blocks, self.next_allocation, 16 * bs, 16 * bs,
+                                 self.next_cnid, 1, 1)
+               + finder + forks)
+        assert len(hdr) == 512, len(hdr)
+        return hdr
+
+    def write(self, path):
+        o = self.o
+        bs = o.block_size
+        hdr = self.volume_header()
+        with open(path, "wb") as f:
+            f.truncate(o.size)
+            f.seek(1024)
+            f.write(hdr)
+            # Alternate header at the end of the device and, when the size
+            # is not a whole number of blocks, also at the end of the last
+            # block: readers take "the end of the volume" either way.
+            for at in sorted({o.size - 1024, self.total_blocks * bs - 1024}):
+                f.seek(at)
+                f.write(hdr)
+            for name, data in (("allocation", self.bitmap), ("extents", self.ext),
+                               ("catalog", self.cat)):
+                pos = 0
+                for start, count in self.forks[name][2]:
+                    write_sparse(f, start * bs, data[pos:pos + count * bs])
+                    pos += count * bs
+
+    def info(self):
+        def tree(plan):
+            return {"depth": plan.depth, "root": plan.root, "total_nodes": plan.total,
+                    "free_nodes": plan.free, "map_nodes": plan.maps,
+                    "leaves": len(plan.levels[0]) if plan.levels else 0}
+        return {"total_blocks": self.total_blocks, "free_blocks": self.free_blocks,
+                "catalog": tree(self.cat_plan), "extents": tree(self.ext_plan),
+                "catalog_extents": self.forks["catalog"][2],
+                "next_catalog_id": self.next_cnid}
+
+
+def set_bits(bitmap, start, count):
+    end = start + count
+    b = start
+    while b < end and b % 8:
+        bitmap[b >> 3] |= 0x80 >> (b & 7)
+        b += 1
+    whole = (end - b) // 8
+    if whole > 0:
+        bitmap[b >> 3:(b >> 3) + whole] = b"\xff" * whole
+        b += whole * 8
+    while b < end:
+        bitmap[b >> 3] |= 0x80 >> (b & 7)
+        b += 1
+
+
+def write_sparse(f, offset, data, chunk=65536):
+    zero = bytes(chunk)
+    for pos in range(0, len(data), chunk):
+        piece = data[pos:pos + chunk]
+        if piece != zero[:len(piece)]:
+            f.seek(offset + pos)
+            f.write(piece)
+
+
+class _Parser(argparse.ArgumentParser):
+    def error(self, message):
+        self.print_usage(sys.stderr)
+        print("mkimage: %s" % message, file=sys.stderr)
+        sys.exit(1)
+
+
+def parse_args(argv):
+    p = _Parser(description="Build an HFS+/HFSX volume image.")
+    p.add_argument("out")
+    p.add_argument("--size", type=int, required=True, help="image size in bytes")
+    p.add_argument("--label", required=True, help="volume name (UTF-8)")
+    p.add_argument("--block-size", type=int, default=4096)
+    p.add_argument("--catalog-node-size", type=int, default=4096)
+    p.add_argument("--extents-node-size", type=int, default=4096)
+    p.add_argument("--hfsx", action="store_true", help="HFSX with binary name order")
+    p.add_argument("--files", type=int, default=0)
+    p.add_argument("--folders", type=int, default=0)
+    p.add_argument("--catalog-fragments", type=int, default=1)
+    p.add_argument("--free-catalog-nodes", type=int, default=None,
+                   help="free catalog nodes (default 16, rounded up to whole blocks)")
+    p.add_argument("--free-extents-nodes", type=int, default=None,
+                   help="free extents overflow nodes (default 8, rounded up to whole blocks)")
+    p.add_argument("--fragmented-files", type=int, default=0)
+    p.add_argument("--file-fragments", type=int, default=0)
+    p.add_argument("--nesting", type=int, default=1,
+                   help="folders form chains of this many, each inside the previous "
+                   "(default 1: all folders directly in the root)")
+    p.add_argument("--name-length", type=int, default=0)
+    p.add_argument("--corrupt", choices=CORRUPTIONS)
+    p.add_argument("--scatter-nodes", action="store_true",
+                   help="place the B-tree nodes at random node numbers (see --seed), "
+                   "free nodes between them")
+    p.add_argument("--seed", type=int, default=0,
+                   help="seed of --scatter-nodes; also varies the volume UUID")
+    p.add_argument("--info", action="store_true",
+                   help="print a JSON summary of the layout on stdout")
+    o = p.parse_args(argv)
+    for name in ("free_catalog_nodes", "free_extents_nodes"):
+        v = getattr(o, name)
+        if v is not None and v < 0:
+            p.error("--%s must not be negative" % name.replace("_", "-"))
+    return o
+
+
+def main(argv=None):
+    o = parse_args(argv)
+    try:
+        vol = Volume(o).build()
+        vol.write(o.out)
+    except BuildError as e:
+        print("mkimage: %s" % e, file=sys.stderr)
+        return 1
+    except OSError as e:
+        print("mkimage: %s: %s" % (o.out, e.strerror or e), file=sys.stderr)
+        return 1
+    if o.info:
+        print(json.dumps(vol.info()))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,274 @@
+"""Tests of the volume checker against xorriso volumes, builder volumes and
+deliberate damage."""
+
+import os
+import random
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import unicodedata
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CHECK = os.path.join(HERE, "checkimage.py")
+XORRISO = os.path.join(HERE, "xorrisoimage.py")
+BUILD = os.path.join(HERE, "mkimage.py")
+
+SIZE = 4 * 1024 * 1024
+
+
+def run(*cmd):
+    return subprocess.run([sys.executable] + [str(c) for c in cmd], stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, universal_newlines=True, timeout=120)
+
+
+def be32(b, o):
+    return struct.unpack_from(">I", b, o)[0]
+
+
+class Image:
+    """A builder image in memory with just enough reading to aim a patch."""
+
+    def __init__(self, path):
+        self.path = path
+        with open(path, "rb") as f:
+            self.data = bytearray(f.read())
+        self.bs = be32(self.data, 1024 + 40)
+        cat_start = be32(self.data, 1024 + 272 + 16)   # first catalog extent
+        self.cat = cat_start * self.bs
+        self.node_size = struct.unpack_from(">H", self.data, self.cat + 32)[0]
+
+    def node(self, n):
+        return self.cat + n * self.node_size
+
+    def leaf_records(self):
+        """(offset of key, offset of record data) of every catalog leaf record."""
+        n = be32(self.data, self.cat + 14 + 10)        # firstLeafNode
+        while n:
+            base = self.node(n)
+            nrec = struct.unpack_from(">H", self.data, base + 10)[0]
+            for i in range(nrec):
+                off = base + struct.unpack_from(">H", self.data, base + self.node_size - 2 * (i + 1))[0]
+                klen = struct.unpack_from(">H", self.data, off)[0]
+                yield off, off + 2 + klen
+            n = be32(self.data, base)
+
+    def add32(self, offset, delta):
+        struct.pack_into(">I", self.data, offset, (be32(self.data, offset) + delta) & 0xFFFFFFFF)
+
+    def save(self):
+        with open(self.path, "wb") as f:
+            f.write(self.data)
+
+
+class CheckerTestCase(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp(prefix="checkimage-test.")
+        self.addCleanup(shutil.rmtree, self.tmp)
+
+    def path(self, name):
+        return os.path.join(self.tmp, name)
+
+    def check(self, image, *extra):
+        r = run(CHECK, image, *extra)
+        self.assertNotIn("Traceback", r.stderr)
+        return r.returncode, r.stdout
+
+    def assert_clean(self, image, *extra):
+        rc, out = self.check(image, *extra)
+        self.assertEqual((rc, out), (0, ""))
+
+    def assert_fault(self, image, *fragments):
+        rc, out = self.check(image)
+        self.assertEqual(rc, 1, out)
+        for fragment in fragments:
+            self.assertIn(fragment, out)
+        self.assertLess(len(out.splitlines()), 8, "one fault should give a few lines:\n" + out)
+        return out
+
+    def build(self, name, *args, size=SIZE):
+        out = self.path(name)
+        r = run(BUILD, out, "--size", size, "--label", "Test Vol", *args)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        return out
+
+
+@unittest.skipUnless(shutil.which("xorriso") and shutil.which("blkid"), "needs xorriso and blkid")
+class XorrisoVolumes(CheckerTestCase):
+    def test_xorriso_volumes_pass_and_carry_the_label(self):
+        cases = [("MyLabel", 0, 2048), ("Ünïcödé Lábel", 7, 2048), ("日本語ラベル", 300, 512)]
+        for label, files, bs in cases:
+            with self.subTest(label=label, files=files):
+                out = self.path("x.img")
+                r = run(XORRISO, out, "--label", label, "--files", files, "--block-size", bs)
+                self.assertEqual(r.returncode, 0, r.stderr)
+                with open(out, "rb") as f:
+                    self.assertEqual(f.read(1026)[1024:], b"H+")
+                self.assert_clean(out, "--allow-orphan-blocks")
+                # xorriso's one leaked block is seen without the allowance
+                rc, text = self.check(out)
+                self.assertEqual(rc, 1)
+                self.assertRegex(text, r"^allocation bitmap: blocks marked but used by nothing: \d+\n$")
+                blkid = subprocess.run(["blkid", "-p", "-o", "value", "-s", "LABEL", out],
+                                       stdout=subprocess.PIPE, universal_newlines=True)
+                self.assertEqual(unicodedata.normalize("NFC", blkid.stdout.strip()),
+                                 unicodedata.normalize("NFC", label))
+
+    def test_offset_reads_a_volume_inside_a_larger_file(self):
+        vol = self.path("x.img")
+        self.assertEqual(run(XORRISO, vol, "--label", "Inner", "--files", 3).returncode, 0)
+        outer = self.path("outer.img")
+        with open(vol, "rb") as f, open(outer, "wb") as g:
+            g.write(b"\xAA" * 8192 + f.read() + b"\x55" * 4096)
+        self.assert_clean(outer, "--offset", 8192, "--allow-orphan-blocks")
+        self.assert_fault(outer, "bad signature")
+
+
+@unittest.skipUnless(os.path.exists(BUILD), "needs the image builder")
+class BuilderVolumes(CheckerTestCase):
+    def test_builder_variants_pass(self):
+        variants = [
+            (),
+            ("--hfsx",),
+            ("--files", 300, "--folders", 20),
+            ("--files", 1500, "--catalog-node-size", 512, "--catalog-fragments", 12),
+            ("--block-size", 512, "--files", 100, "--fragmented-files", 5, "--file-fragments", 12),
+            ("--hfsx", "--files", 400, "--folders", 40, "--name-length", 60),
+            ("--extents-node-size", 512, "--files", 40, "--fragmented-files", 30, "--file-fragments", 20),
+        ]
+        for args in variants:
+            with self.subTest(args=args):
+                self.assert_clean(self.build("v.img", *args, size=4 * SIZE))
+
+    def test_each_corruption_is_named(self):
+        deep = ("--files", 400, "--catalog-node-size", 512)
+        cases = [
+            ("bad-signature", (), ["volume header: bad signature 0x"]),
+            ("header-kind", (), ["catalog header: node 0 has kind"]),
+            ("header-records", (), ["catalog header: node 0 has kind 1 and"]),
+            ("btree-type", (), ["catalog header: btreeType"]),
+            ("extents-btree-type", (), ["extents overflow header: btreeType"]),
+            ("index-self", deep, ["points back at its own node"]),
+            ("index-beyond", deep, ["outside 1.."]),
+            ("index-cycle", deep, ["already in the tree"]),
+            ("offsets-order", (), ["catalog node", "record offsets not strictly increasing"]),
+            ("no-root-thread", (), ["no thread record for the root folder"]),
+            ("long-root-name", ("--catalog-node-size", 4096), ["name of 256 units is longer than 255"]),
+        ]
+        for kind, args, fragments in cases:
+            with self.subTest(kind=kind):
+                self.assert_clean(self.build("clean.img", *args))
+                self.assert_fault(self.build("bad.img", "--corrupt", kind, *args), *fragments)
+
+    def patched(self, *args):
+        return Image(self.build("p.img", *args))
+
+    def test_byte_patches_are_caught(self):
+        def leaf_records(img):
+            img.add32(img.cat + 14 + 6, 1)
+
+        def node_bitmap_bit(img):
+            root = be32(img.data, img.cat + 14 + 2)
+            map_at = img.cat + 14 + 106 + 128
+            img.data[map_at + root // 8] &= ~(0x80 >> (root % 8)) & 0xFF
+
+        def root_valence(img):
+            for key, rec in img.leaf_records():
+                if be32(img.data, key + 2) == 1:
+                    img.add32(rec + 4, 1)
+
+        def free_blocks(img):
+            img.add32(1024 + 48, 1)
+
+        def stray_block(img):
+            last = be32(img.data, 1024 + 44) - 1
+            bitmap = be32(img.data, 1024 + 112 + 16) * img.bs
+            img.data[bitmap + (last - 20) // 8] |= 0x80 >> ((last - 20) % 8)
+
+        def thread_name(img):
+            for key, rec in img.leaf_records():
+                if struct.unpack_from(">H", img.data, rec)[0] == 4:   # a file thread
+                    img.data[rec + 11] ^= 0x01
+                    return
+
+        def alternate_signature(img):
+            end = be32(img.data, 1024 + 44) * img.bs
+            img.data[end - 1024] = 0
+
+        def next_catalog_id(img):
+            struct.pack_into(">I", img.data, 1024 + 64, 17)
+
+        def extents_beyond_volume(img):
+            total = be32(img.data, 1024 + 44)
+            for key, rec in img.leaf_records():
+                if struct.unpack_from(">H", img.data, rec)[0] == 2 and be32(img.data, rec + 88 + 12):
+                    struct.pack_into(">I", img.data, rec + 88 + 16, total)
+                    return
+
+        cases = [
+            (leaf_records, ["catalog header: leafRecords"]),
+            (node_bitmap_bit, ["catalog node bitmap: nodes in use but not marked"]),
+            (root_valence, ["catalog folder 2", "valence"]),
+            (free_blocks, ["volume header: freeBlocks"]),
+            (stray_block, ["allocation bitmap: blocks marked but used by nothing"]),
+            (thread_name, ["thread record"]),
+            (alternate_signature, ["alternate volume header: bad signature"]),
+            (next_catalog_id, ["nextCatalogID 17"]),
+            (extents_beyond_volume, ["runs past the volume", "allocation bitmap"]),
+        ]
+        for patch, fragments in cases:
+            with self.subTest(patch=patch.__name__):
+                img = self.patched("--files", 200, "--catalog-node-size", 512,
+                                          "--fragmented-files", 3, "--file-fragments", 2)
+                before = bytes(img.data)
+                patch(img)
+                self.assertTrue(bytes(img.data) != before, "patch changed nothing")
+                img.save()
+                self.assert_fault(img.path, *fragments)
+
+    def test_name_order_follows_the_key_compare_type(self):
+        # Builder names alternate "File N" / "file N": ascending under case
+        # folding, out of order under binary compare.
+        img = self.patched("--files", 20)
+        img.data[img.cat + 14 + 37] = 0xBC
+        img.save()
+        self.assert_fault(img.path, "keyCompareType 0xBC on an HFS+ volume")
+        img.data[1024:1026] = b"HX"
+        end = be32(img.data, 1024 + 44) * img.bs
+        img.data[end - 1024:end - 1022] = b"HX"
+        img.save()
+        rc, out = self.check(img.path)
+        self.assertEqual(rc, 1)
+        self.assertIn("catalog node 1: record 3 key (2, 'File 000001') is not above the previous key", out)
+        self.assertNotIn("keyCompareType", out)
+
+    def test_damaged_images_never_crash(self):
+        clean = Image(self.build("r.img", "--files", 300, "--catalog-node-size", 512,
+                                 "--extents-node-size", 512, "--fragmented-files", 10,
+                                 "--file-fragments", 12))
+        meta_end = clean.cat + be32(clean.data, 1024 + 272 + 20) * clean.bs
+        rng = random.Random(7)
+        for i in range(30):
+            img = Image(clean.path)
+            img.path = self.path("damaged.img")
+            for _ in range(rng.randint(1, 6)):
+                at = rng.randrange(1024, meta_end - 8)
+                img.data[at:at + 4] = bytes(rng.randrange(256) for _ in range(4))
+            img.save()
+            r = run(CHECK, img.path)
+            self.assertIn(r.returncode, (0, 1), r.stderr)
+            self.assertEqual(r.stderr, "")
+
+    def test_usage_errors(self):
+        self.assertEqual(run(CHECK).returncode, 2)
+        self.assertEqual(run(CHECK, self.path("missing.img")).returncode, 2)
+        self.assertEqual(run(CHECK, "a", "--offset").returncode, 2)
+        empty = self.path("empty.img")
+        open(empty, "wb").close()
+        self.assertEqual(self.check(empty)[0], 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
