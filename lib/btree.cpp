@@ -644,6 +644,22 @@ struct position {
   bool has_record;
 };
 
+// The nodes a descent passed, from the root down, and in each the index of
+// the record it followed (or, in the last one, where it stopped).
+constexpr size_t kMaxPath = 256;
+struct search_path {
+  uint32_t node[kMaxPath];
+  uint16_t index[kMaxPath];
+  size_t count;
+  void add(uint32_t n, uint16_t i) {
+    if (count < kMaxPath) {
+      node[count] = n;
+      index[count] = i;
+    }
+    ++count;
+  }
+};
+
 // Checks what every walk relies on in a mapped node: the record count fits,
 // offsets are even, inside 14..(start of the offset array) and ascending, and
 // in leaf and index nodes each key (and an index record's child number) lies
@@ -718,7 +734,8 @@ uint16_t scan_node(const morv_btree* tree, const uint8_t* node, const uint8_t* k
 // such a position too, on its record 0.
 [[nodiscard]] morv_err descend(morv_btree* tree, const uint8_t* header, const uint8_t* key,
                                uint32_t start_node, int mode, uint8_t target_height,
-                               position* out_position, morv_btree_record_locator** out_locator) {
+                               position* out_position, morv_btree_record_locator** out_locator,
+                               search_path* path) {
   const uint32_t total_nodes = load_be32(header + hr::kTotalNodes);
   const uint8_t compare_type = header[hr::kKeyCompareType];
   uint32_t node = start_node ? start_node : load_be32(header + hr::kRootNode);
@@ -761,15 +778,19 @@ uint16_t scan_node(const morv_btree* tree, const uint8_t* node, const uint8_t* k
         return MORV_ERR_CORRUPT;
       }
       pos = position{node, 0, 0, 0, false};
+      if (path) path->add(node, 0);
       break;
     }
     int c = 0;
     const uint16_t i = scan_node(tree, buf, key, compare_type, &c);
     if (kind == nd::kKindLeaf || at_target) {
       pos = position{node, i, c == 0, c < 0, true};
+      if (path) path->add(node, i);
       break;
     }
-    const uint32_t child = child_of(buf, tree->node_size, (i > 0 && c > 0) ? i - 1u : i);
+    const uint16_t followed = (i > 0 && c > 0) ? static_cast<uint16_t>(i - 1) : i;
+    if (path) path->add(node, followed);
+    const uint32_t child = child_of(buf, tree->node_size, followed);
     if (child == node) {
       MORV_ERROR("Index node points back to itself. Inconsistent B-tree.\n");
       return MORV_ERR_CORRUPT;
@@ -818,7 +839,8 @@ uint16_t scan_node(const morv_btree* tree, const uint8_t* node, const uint8_t* k
 // Maps the header record around a descent.
 [[nodiscard]] morv_err search_common(morv_btree* tree, const uint8_t* key, uint32_t start_node,
                                      int mode, uint8_t height, position* out_position,
-                                     morv_btree_record_locator** out_locator) {
+                                     morv_btree_record_locator** out_locator,
+                                     search_path* path = nullptr) {
   if (!key) {
     MORV_ERROR("HFSPlus:%s: Invalid Search key\n", "morv_btree_search_node_internal");
     return MORV_ERR_INVALID_ARGUMENT;
@@ -832,7 +854,7 @@ uint16_t scan_node(const morv_btree* tree, const uint8_t* node, const uint8_t* k
   position pos{};
   morv_btree_record_locator* locator = nullptr;
   err = descend(tree, header.get(), key, start_node, mode, height, &pos,
-                out_locator ? &locator : nullptr);
+                out_locator ? &locator : nullptr, path);
   if (err) return err;
   err = header.unmap();
   if (err) {
@@ -1530,6 +1552,11 @@ namespace {
   }
   morv::buffer<uint8_t> buf;
   if (!buf.allocate(tree->node_size)) return MORV_ERR_NO_MEMORY;
+  // Read before it is rewritten: the cache takes a written sector as
+  // unread, and a later read would bring the old bytes back over it.
+  err = read_node(tree, node, buf.get());
+  if (err) return err;
+  memset(buf.get(), 0, tree->node_size);
   buf[nd::kKind] = static_cast<uint8_t>(nd::kKindLeaf);
   buf[nd::kHeight] = 1;
   set_offset_entry(buf.get(), tree->node_size, 0, nd::kFirstRecordOffset);
@@ -1555,32 +1582,111 @@ namespace {
 
 }  // namespace
 
+namespace {
+
+// Free bytes of a node for records and their offset entries.
+[[nodiscard]] morv_err node_room(morv_btree* tree, uint32_t node, size_t* out_room) {
+  mapping m(tree->fork);
+  morv_err err = m.map(node_offset(tree, node), tree->node_size);
+  if (err) {
+    MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(node));
+    return err;
+  }
+  err = validate_node(m.get(), tree->node_size);
+  if (err) return err;
+  const uint16_t n = num_records(m.get());
+  *out_room = tree->node_size - offset_entry(m.get(), tree->node_size, n) -
+              nd::kOffsetEntrySize * (n + 1u);
+  return m.unmap();
+}
+
+// Before anything is written: follows the splits and index key replacements
+// that an insertion of an `r`-byte record at position `p` of the path's last
+// node can cause up the path, and refuses the insertion when they would
+// reach the root (which never splits) or need more nodes than are free.
+// Refusing here keeps the tree intact; a refusal half-way would leave a
+// split node without its index record. Index records that a split adds are
+// counted at the tree's maximum key size.
+[[nodiscard]] morv_err check_insert_fits(morv_btree* tree, const search_path& path, uint16_t p,
+                                         size_t r, size_t key_size) {
+  if (path.count == 0 || path.count > kMaxPath || r > size_t{tree->node_size} - 18) return MORV_OK;
+  const size_t max_index_record = padded(size_t{tree->max_key_length} + 2) + nd::kIndexDataSize;
+  const size_t new_index_record = padded(key_size) + nd::kIndexDataSize;
+  size_t need = r;
+  bool replace = p == 0;
+  uint32_t claims = 0;
+  for (size_t k = path.count; k-- > 0;) {
+    size_t room = 0;
+    morv_err err = node_room(tree, path.node[k], &room);
+    if (err) return err;
+    const bool split = room < need + nd::kOffsetEntrySize;
+    if (split && k == 0) {
+      MORV_ERROR("Unable to split root node.\n");
+      return MORV_ERR_INTERNAL;
+    }
+    claims += split;
+    if (k == 0) break;
+    need = (split ? max_index_record + nd::kOffsetEntrySize : 0) +
+           (replace ? new_index_record + nd::kOffsetEntrySize : 0);
+    if (need == 0) break;
+    need -= nd::kOffsetEntrySize;
+    replace = replace && path.index[k - 1] == 0;
+  }
+  uint8_t header[hr::kSize];
+  morv_err err = read_header(tree, header);
+  if (err) return err;
+  if (claims > load_be32(header + hr::kFreeNodes)) {
+    MORV_ERROR("Need to expand B-tree, but this is not yet implemented.\n");
+    return MORV_ERR_UNSUPPORTED;
+  }
+  return MORV_OK;
+}
+
+// Finds where the key goes (making the root of an empty tree first) and the
+// path there.
+[[nodiscard]] morv_err find_insert_location(morv_btree* tree, const uint8_t* key,
+                                            position* out_position, search_path* path) {
+  bool empty = false;
+  morv_err err = tree_is_empty(tree, &empty);
+  if (!err && empty) err = make_root_leaf(tree);
+  if (!err) err = search_common(tree, key, 0, -1, 0, out_position, nullptr, path);
+  if (err) {
+    MORV_ERROR("Error while searching for insert location.\n");
+    return err;
+  }
+  if (out_position->node == 0) {
+    MORV_CRITICAL("ERROR:Unable to insert because morv_btree_search_node returned NULL when "
+                  "looking up insert location!\n");
+    return MORV_ERR_INTERNAL;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
 morv_err morv_btree_insert_record_internal(morv_btree* tree, const uint8_t* key, const void* data,
                                            uint16_t data_size, morv_btree_search_result* location,
                                            morv_btree_record_locator** out_locator) {
+  if (!key) {
+    MORV_ERROR("HFSPlus:%s: Invalid Search key\n", "morv_btree_search_node_internal");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  search_path path{};
   position pos{};
+  morv_err err = find_insert_location(tree, key, &pos, &path);
+  if (err) return err;
   if (location && location->locator) {
     pos = position{*location->locator->node_number, *location->locator->record_index,
                    location->exact_match, location->after_last_record, true};
-  } else {
-    bool empty = false;
-    morv_err err = tree_is_empty(tree, &empty);
-    if (!err && empty) err = make_root_leaf(tree);
-    if (!err) err = search_common(tree, key, 0, -1, 0, &pos, nullptr);
-    if (err) {
-      MORV_ERROR("Error while searching for insert location.\n");
-      return err;
-    }
-    if (pos.node == 0) {
-      MORV_CRITICAL("ERROR:Unable to insert because morv_btree_search_node returned NULL when "
-                    "looking up insert location!\n");
-      return MORV_ERR_INTERNAL;
-    }
   }
   if (pos.exact_match) {
     MORV_ERROR("ERROR:Unable to insert because already exists?!\n");
     return MORV_ERR_EXISTS;
   }
+  const size_t r = padded(size_t{load_be16(key)} + 2) + padded(data_size);
+  const uint16_t p = pos.after_last_record ? static_cast<uint16_t>(pos.index + 1) : pos.index;
+  err = check_insert_fits(tree, path, p, r, size_t{load_be16(key)} + 2);
+  if (err) return err;
   return insert_at(tree, key, data, data_size, pos.node, pos.index, pos.after_last_record != 0,
                    out_locator);
 }
@@ -1722,6 +1828,14 @@ struct split_state {
     }
   }
   if (s->header_changed) {
+    // Claiming the node changed freeNodes since the header was read.
+    const uint32_t last_leaf = load_be32(s->header.get() + hr::kLastLeafNode);
+    err = read_header(tree, s->header.get());
+    if (err) {
+      MORV_ERROR("Error while reading header record of B-tree.\n");
+      return err;
+    }
+    store_be32(s->header.get() + hr::kLastLeafNode, last_leaf);
     err = write_header(tree, s->header.get());
     if (err) {
       MORV_ERROR("Error while writing out modified B-tree header record.\n");
