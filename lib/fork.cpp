@@ -14,9 +14,9 @@
 // until the fork is destroyed. Each item has one valid bit and one
 // modification bit per fork sector (the fork's I/O unit: the device sector,
 // or larger when asked). Invariants:
-//   - a sector's bytes in an item are current when its valid bit is set, and
-//     reads fetch exactly the sectors whose bit is clear, one device request
-//     chain per sector;
+//   - a sector's bytes in an item are current when its valid or its
+//     modification bit is set, and reads fetch exactly the other sectors, one
+//     device request chain per sector;
 //   - an item's `modified` equals its number of set modification bits, and the
 //     fork's `dirty_items` equals the number of items with `modified` != 0;
 //   - writes touch only the cache; a flush writes each run of adjacent
@@ -351,7 +351,10 @@ namespace {
   morv_fork_cache_item* item = priv->items[index];
   ++item->references;
   const uint64_t local = n % sectors_per_item;
-  if (bit_is_set(item->valid_bitmap, local)) return MORV_OK;
+  // A modified sector is current in the cache even when it was written whole
+  // without being read first: reading it again would lose the write.
+  if (bit_is_set(item->valid_bitmap, local) || bit_is_set(item->modification_bitmap, local))
+    return MORV_OK;
 
   const uint64_t sector_offset = n * s;
   uint64_t read_length = s;
@@ -517,7 +520,10 @@ morv_err morv_fork_process_read_io(void* context, uint64_t device_offset, uint64
       return err;
     }
     morv::buffer<uint8_t> held(static_cast<uint8_t*>(sector));
-    // The tail is taken from the end of the sector, as this library always has.
+    // The tail bytes are taken from the end of the sector: the long-standing
+    // behaviour of this path, kept as it is. Only a fork whose logical size
+    // ends inside a device sector gets here; the special files, sized in whole
+    // allocation blocks, never do.
     memcpy(ctx->destination + ctx->delivered, held.get() + (d - lead_out),
            static_cast<size_t>(lead_out));
     ctx->delivered += lead_out;

@@ -195,6 +195,7 @@ class Volume:
         to the image (missing bytes read as zero)."""
         parts = []
         have = 0
+        limit = min(limit, len(self.data))    # no fork is larger than the image
         bs = self.block_size
         for start, count in extents:
             if have >= limit:
@@ -646,7 +647,6 @@ class Volume:
                 r.add(where, "record (%d, %r) has no record type" % (parent, name_text(name)))
                 continue
             rtype = be16(data, 0)
-            label = "%s record (%d, %r)" % (where, parent, name_text(name))
             if rtype in (REC_FOLDER, REC_FILE):
                 size = FOLDER_REC_SIZE if rtype == REC_FOLDER else FILE_REC_SIZE
                 if len(data) != size:
@@ -668,7 +668,7 @@ class Volume:
                 by_key[(parent, name)] = cnid
                 children[parent] = children.get(parent, 0) + 1
                 if rtype == REC_FOLDER:
-                    if rtype == REC_FOLDER and cnid == CNID_ROOT_PARENT:
+                    if cnid == CNID_ROOT_PARENT:
                         r.add(where, "folder record with CNID 1")
                     folders[cnid] = (parent, name, be32(data, 4), be16(data, 2), be32(data, 84), n)
                     child_folders[parent] = child_folders.get(parent, 0) + 1
@@ -708,7 +708,7 @@ class Volume:
         # threads of every folder and file, and records behind every thread
         for table, want_type, what in ((folders, REC_FOLDER_THREAD, "folder"), (files, REC_FILE_THREAD, "file")):
             for cnid, rec in table.items():
-                parent, name, node = rec[0], rec[1], rec[-1] if what == "folder" else rec[2]
+                parent, name = rec[0], rec[1]
                 where = "catalog %s %d (%d, %r)" % (what, cnid, parent, name_text(name))
                 t = threads.get(cnid)
                 if t is None:
@@ -835,7 +835,7 @@ class Volume:
                              fd.logical_size, CNID_CATALOG)
             return
         files = self.check_catalog()
-        if files is None or not self.overflow_complete:
+        if files is None or not self.overflow_complete or self.volume_bytes > len(self.data):
             return
         self.check_allocation(files)
 

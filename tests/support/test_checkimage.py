@@ -55,6 +55,18 @@ class Image:
                 yield off, off + 2 + klen
             n = be32(self.data, base)
 
+    def node_bitmap_byte(self, n):
+        """Offset of the byte that holds node n's bit: the header node's map
+        record, then the map nodes chained through fLink."""
+        part, length, byte = self.node(0) + 14 + 106 + 128, self.node_size - 256, n // 8
+        link = be32(self.data, self.node(0))
+        while byte >= length:
+            byte -= length
+            base = self.node(link)
+            first, free = struct.unpack_from(">HH", self.data, base + self.node_size - 4)[::-1]
+            part, length, link = base + first, free - first, be32(self.data, base)
+        return part + byte
+
     def add32(self, offset, delta):
         struct.pack_into(">I", self.data, offset, (be32(self.data, offset) + delta) & 0xFFFFFFFF)
 
@@ -137,6 +149,8 @@ class BuilderVolumes(CheckerTestCase):
             ("--block-size", 512, "--files", 100, "--fragmented-files", 5, "--file-fragments", 12),
             ("--hfsx", "--files", 400, "--folders", 40, "--name-length", 60),
             ("--extents-node-size", 512, "--files", 40, "--fragmented-files", 30, "--file-fragments", 20),
+            ("--hfsx", "--files", 300, "--folders", 50, "--nesting", 5, "--scatter-nodes",
+             "--catalog-node-size", 512),
         ]
         for args in variants:
             with self.subTest(args=args):
@@ -207,7 +221,22 @@ class BuilderVolumes(CheckerTestCase):
                     struct.pack_into(">I", img.data, rec + 88 + 16, total)
                     return
 
+        def overflow_start(img):
+            ext = be32(img.data, 1024 + 192 + 16) * img.bs
+            ext_ns = struct.unpack_from(">H", img.data, ext + 32)[0]
+            leaf = ext + be32(img.data, ext + 14 + 10) * ext_ns
+            img.add32(leaf + 14 + 8, 1)          # startBlock of the first key
+
+        def shared_block(img):
+            cat_block = be32(img.data, 1024 + 272 + 16)
+            for key, rec in img.leaf_records():
+                if struct.unpack_from(">H", img.data, rec)[0] == 2 and be32(img.data, rec + 88 + 12):
+                    struct.pack_into(">I", img.data, rec + 88 + 16, cat_block)
+                    return
+
         cases = [
+            (overflow_start, ["overflow record at fork block 9, but the fork's earlier extents end at block 8"]),
+            (shared_block, ["are also used by"]),
             (leaf_records, ["catalog header: leafRecords"]),
             (node_bitmap_bit, ["catalog node bitmap: nodes in use but not marked"]),
             (root_valence, ["catalog folder 2", "valence"]),
@@ -221,12 +250,26 @@ class BuilderVolumes(CheckerTestCase):
         for patch, fragments in cases:
             with self.subTest(patch=patch.__name__):
                 img = self.patched("--files", 200, "--catalog-node-size", 512,
-                                          "--fragmented-files", 3, "--file-fragments", 2)
+                                          "--fragmented-files", 3, "--file-fragments", 12)
                 before = bytes(img.data)
                 patch(img)
                 self.assertTrue(bytes(img.data) != before, "patch changed nothing")
                 img.save()
                 self.assert_fault(img.path, *fragments)
+
+    def test_node_bitmap_continues_in_map_nodes(self):
+        args = ("--files", 3000, "--catalog-node-size", 512, "--free-catalog-nodes", 40000,
+                "--scatter-nodes", "--seed", 1)
+        img = Image(self.build("m.img", *args, size=8 * SIZE))
+        self.assert_clean(img.path)
+        root = be32(img.data, img.cat + 14 + 2)
+        total = be32(img.data, img.cat + 14 + 22)
+        self.assertGreater(root, 8 * (img.node_size - 256), "root should lie in a map node's range")
+        img.data[img.node_bitmap_byte(root)] ^= 0x80 >> (root % 8)
+        img.data[img.node_bitmap_byte(total - 1)] ^= 0x80 >> ((total - 1) % 8)
+        img.save()
+        self.assert_fault(img.path, "nodes in use but not marked: %d" % root,
+                          "nodes marked but not in use: %d" % (total - 1))
 
     def test_name_order_follows_the_key_compare_type(self):
         # Builder names alternate "File N" / "file N": ascending under case
@@ -260,6 +303,13 @@ class BuilderVolumes(CheckerTestCase):
             r = run(CHECK, img.path)
             self.assertIn(r.returncode, (0, 1), r.stderr)
             self.assertEqual(r.stderr, "")
+        # sizes far beyond the image must be reported, not allocated
+        img = Image(clean.path)
+        struct.pack_into(">I", img.data, 1024 + 44, 0xFFFFFFF0)
+        struct.pack_into(">QII", img.data, 1024 + 272, 1 << 62, 0, 0x7FFFFFFF)
+        struct.pack_into(">II", img.data, 1024 + 272 + 16, 0, 0x7FFFFFFF)
+        img.save()
+        self.assert_fault(img.path, "exceeds the image", "catalog file fork: logicalSize")
 
     def test_usage_errors(self):
         self.assertEqual(run(CHECK).returncode, 2)
