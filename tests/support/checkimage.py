@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Independent consistency checker for an unmounted HFS+ / HFSX volume image.
 
-usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [-v]
+usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only] [-v]
 
 Reads the volume with its own reading of the published format (Apple TN1150),
 sharing nothing with the C++ library or the image builder, and prints one line
@@ -187,6 +187,7 @@ class Volume:
         self.r = report
         self.fold = None
         self.allow_orphans = False
+        self.structure_only = False
 
     # ---------------------------------------------------------------- reading
     def read_extents(self, extents, limit):
@@ -825,6 +826,14 @@ class Volume:
             return
         self.fold = load_case_folding()
         self.load_overflow()
+        if self.structure_only:
+            # B-tree structure and key order only: records need not belong
+            # to files, blocks need not be accounted for.
+            fd = self.forks[CNID_CATALOG]
+            extents = self.fork_extents(fd, CNID_CATALOG, FORK_DATA, "catalog file fork")
+            self.check_btree("catalog", self.read_extents(extents, fd.logical_size),
+                             fd.logical_size, CNID_CATALOG)
+            return
         files = self.check_catalog()
         if files is None or not self.overflow_complete or self.volume_bytes > len(self.data):
             return
@@ -835,6 +844,7 @@ def main(argv):
     args = list(argv[1:])
     verbose = False
     allow_orphans = False
+    structure_only = False
     offset = 0
     image = None
     try:
@@ -844,6 +854,8 @@ def main(argv):
                 verbose = True
             elif a == "--allow-orphan-blocks":
                 allow_orphans = True
+            elif a == "--structure-only":
+                structure_only = True
             elif a == "--offset":
                 offset = int(args.pop(0), 0)
             elif a.startswith("--offset="):
@@ -855,7 +867,7 @@ def main(argv):
         if image is None or offset < 0:
             raise ValueError("missing image")
     except (ValueError, IndexError):
-        sys.stderr.write("usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [-v]\n")
+        sys.stderr.write("usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only] [-v]\n")
         return 2
     try:
         f = open(image, "rb")
@@ -872,6 +884,7 @@ def main(argv):
         report = Report()
         vol = Volume(data, report)
         vol.allow_orphans = allow_orphans
+        vol.structure_only = structure_only
         try:
             vol.check()
         except (IndexError, struct.error, ValueError, OverflowError, MemoryError) as e:

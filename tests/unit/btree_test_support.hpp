@@ -1,0 +1,156 @@
+// Helpers of the B-tree and extents overflow tests: an image from the
+// builder opened as a device with its volume header in memory, extents keys
+// and records, a walk of a tree's leaf records, the structure-only checker.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <string>
+#include <sys/wait.h>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+#include "btree.hpp"
+#include "device_unix.hpp"
+#include "extents.hpp"
+#include "fork.hpp"
+#include "support_unix.hpp"
+#include "test_support.hpp"
+
+namespace btree_test {
+
+using Key = std::array<uint8_t, 12>;
+using Record = std::array<uint8_t, 64>;
+using ExtKey = std::tuple<uint32_t, uint8_t, uint32_t>;  // fileID, forkType, startBlock: key order
+
+inline Key ext_key(const ExtKey& k) {
+  Key key{};
+  store_be16(key.data(), 10);
+  key[2] = std::get<1>(k);
+  store_be32(key.data() + 4, std::get<0>(k));
+  store_be32(key.data() + 8, std::get<2>(k));
+  return key;
+}
+inline ExtKey ext_tuple(const uint8_t* key) {
+  return {load_be32(key + 4), key[2], load_be32(key + 8)};
+}
+// Recognisable content: the key's fields and a generation number.
+inline Record ext_record(const ExtKey& k, uint32_t generation) {
+  Record r{};
+  for (size_t i = 0; i < r.size(); i += 16) {
+    store_be32(&r[i], std::get<0>(k));
+    store_be32(&r[i + 4], std::get<2>(k));
+    store_be32(&r[i + 8], generation);
+    store_be32(&r[i + 12], static_cast<uint32_t>(i) ^ std::get<1>(k));
+  }
+  return r;
+}
+
+// An image from the builder, opened read-write with its volume header.
+class Image {
+ public:
+  explicit Image(const std::string& args) {
+    morv_test::build_image(args, file_);
+    open_device();
+  }
+  ~Image() { close_all(); }
+  void open_device() {
+    fd_ = ::open(file_.path().c_str(), O_RDWR);
+    EXPECT_GE(fd_, 0);
+    EXPECT_EQ(morv_device_create(fd_, 0, 512, 0, &device_), MORV_OK);
+    void* sector = nullptr;
+    EXPECT_EQ(morv_device_read_disk_sectors(device_, 2, 1, &sector), MORV_OK);
+    header_.assign(static_cast<uint8_t*>(sector), static_cast<uint8_t*>(sector) + 512);
+    free(sector);
+  }
+  void close_all() {
+    morv_extents_destroy(&extents_);
+    morv_device_destroy(&device_);
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  morv_err open_extents() { return morv_extents_create(device_, header_.data(), &extents_); }
+  morv_btree* tree() const { return extents_->tree; }
+  morv_extents* extents() const { return extents_; }
+  morv_device* device() const { return device_; }
+  uint8_t* volume_header() { return header_.data(); }
+  const std::string& path() const { return file_.path(); }
+  std::vector<uint8_t> bytes() const { return file_.read_all(); }
+
+ private:
+  morv_test::TempFile file_;
+  int fd_ = -1;
+  morv_device* device_ = nullptr;
+  morv_extents* extents_ = nullptr;
+  std::vector<uint8_t> header_;
+};
+
+// The volume checker limited to B-tree structure and key order.
+inline std::string check_structure(const std::string& path) {
+  const std::string command = std::string(MORV_PYTHON) + " " MORV_SOURCE_DIR
+                              "/tests/support/checkimage.py --structure-only " + path + " 2>&1";
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return "cannot run the volume checker";
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
+  const int status = pclose(pipe);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : output + "(checker failed)";
+}
+
+// Header record fields, through the fork.
+struct Header {
+  uint16_t depth;
+  uint32_t root, leaf_records, first_leaf, last_leaf, total_nodes, free_nodes;
+};
+inline Header read_header(morv_btree* tree) {
+  uint8_t h[106];
+  EXPECT_EQ(morv_fork_read(tree->fork, 14, h, sizeof h, nullptr), MORV_OK);
+  return {load_be16(h), load_be32(h + 2), load_be32(h + 6), load_be32(h + 10), load_be32(h + 14),
+          load_be32(h + 22), load_be32(h + 26)};
+}
+inline uint16_t node_records(morv_btree* tree, uint32_t node) {
+  uint8_t d[14];
+  EXPECT_EQ(morv_fork_read(tree->fork, uint64_t{node} * tree->node_size, d, sizeof d, nullptr),
+            MORV_OK);
+  return load_be16(d + 10);
+}
+
+// Every leaf record from the first leaf on, through the engine's iteration.
+inline std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> walk(
+    morv_btree* tree, const uint8_t* lowest_key) {
+  std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> out;
+  morv_btree_search_result result;
+  morv_btree_search_result_init(&result);
+  EXPECT_EQ(morv_btree_search_node(tree, lowest_key, &result), MORV_OK);
+  morv_btree_record_locator* l = result.locator;
+  result.locator = nullptr;
+  while (l) {
+    out.emplace_back(std::vector<uint8_t>(l->key, l->key + l->key_size),
+                     std::vector<uint8_t>(l->data, l->data + l->data_size));
+    morv_btree_record_locator* next = nullptr;
+    const morv_err err = morv_btree_get_next_record(tree, l, &next);
+    EXPECT_EQ(err, MORV_OK);
+    morv_btree_record_locator_close(&l);
+    if (err) break;
+    l = next;
+  }
+  return out;
+}
+
+// A scale factor for the long-running tests (MORV_TEST_SCALE, percent).
+inline int scaled(int steps) {
+  const char* s = getenv("MORV_TEST_SCALE");
+  const int percent = s ? atoi(s) : 100;
+  return std::max(1, steps * percent / 100);
+}
+
+}  // namespace btree_test
