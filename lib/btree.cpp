@@ -1675,11 +1675,12 @@ morv_err morv_btree_insert_record_internal(morv_btree* tree, const uint8_t* key,
   position pos{};
   morv_err err = find_insert_location(tree, key, &pos, &path);
   if (err) return err;
+  // A caller's location is used as given: it may name a record that the
+  // caller has just deleted (a thread being rebuilt in place).
   if (location && location->locator) {
     pos = position{*location->locator->node_number, *location->locator->record_index,
                    location->exact_match, location->after_last_record, true};
-  }
-  if (pos.exact_match) {
+  } else if (pos.exact_match) {
     MORV_ERROR("ERROR:Unable to insert because already exists?!\n");
     return MORV_ERR_EXISTS;
   }
