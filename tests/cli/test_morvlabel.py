@@ -178,7 +178,7 @@ class Printing(ImageCase):
             with self.subTest(label=label):
                 image = self.path()
                 subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
-                                "--label", label, "--files", 30], check=True, capture_output=True)
+                                "--label", label, "--files", "30"], check=True, capture_output=True)
                 # xorriso marks one unused block after the extents file.
                 check(self, image, "--allow-orphan-blocks")
                 stored = blkid_label(image)

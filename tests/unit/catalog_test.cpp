@@ -225,7 +225,7 @@ TEST(CatalogLocators, SharedParentsAndLeakedLocatorsAreCounted) {
 
 TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
   OpenCatalog cat("--size 8388608 --block-size 512 --catalog-node-size 512 --label Old --files 60 "
-                  "--folders 4");
+                  "--folders 4 --fill 70");
   // The root folder: renamed in place, no valence change, thread rebuilt.
   auto root = cat.by_cnid(kRootFolderCnid, 1);
   const uint32_t root_valence = valence_of(root.locator);

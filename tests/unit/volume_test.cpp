@@ -254,7 +254,7 @@ TEST(Volume, EveryInjectedFailureOfSetUpIsReportedAndLeavesNothing) {
 }
 
 TEST(VolumeLabel, RenamesTheRootFolderOnlyInTheCatalog) {
-  OpenVolume v("--size 8388608 --block-size 512 --catalog-node-size 512 --label Before --files 120");
+  OpenVolume v("--size 8388608 --block-size 512 --catalog-node-size 512 --label Before --files 120 --fill 70");
   ASSERT_EQ(v.err, MORV_OK);
   const auto pristine = v.file.read_all();
   const std::vector<uint8_t> header_before(v.volume->header, v.volume->header + vh::kSize);
@@ -291,7 +291,8 @@ TEST(VolumeLabel, RenamesTheRootFolderOnlyInTheCatalog) {
 }
 
 TEST(VolumeLabel, InjectedFailuresNeverReachTheDisk) {
-  const std::string args = "--size 8388608 --block-size 512 --catalog-node-size 512 --label Stable --files 200";
+  const std::string args =
+      "--size 8388608 --block-size 512 --catalog-node-size 512 --label Stable --files 200 --fill 70";
   const auto name = big_endian(u"A much longer label that moves records between nodes");
   for (unsigned ops : {unsigned{MORV_SEAM_ALLOC}, unsigned{MORV_SEAM_READ}}) {
     for (uint64_t n = 1;; ++n) {
