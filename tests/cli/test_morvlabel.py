@@ -59,9 +59,13 @@ def blkid_reads_label(block_size, node_size):
     return node_size > 512 and node_size >= block_size
 
 
-def digest(path):
+def contents(path):
     with open(path, "rb") as f:
-        return hashlib.sha256(f.read()).hexdigest()
+        return f.read()
+
+
+def digest(path):
+    return hashlib.sha256(contents(path)).hexdigest()
 
 
 def hfs_decomposed(text):
@@ -190,7 +194,7 @@ class Printing(ImageCase):
 
 class Changing(ImageCase):
     def change_and_verify(self, image, info, block_size, node_size, label):
-        before = open(image, "rb").read()
+        before = contents(image)
         result = tool(image, label)
         self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
         stored = hfs_decomposed(label)
@@ -200,7 +204,7 @@ class Changing(ImageCase):
         self.assert_prints(image, stored, mode="raw")
         self.assert_prints(image, unicodedata.normalize("NFC", label))
         # Only bytes of the catalog file changed.
-        after = open(image, "rb").read()
+        after = contents(image)
         self.assertEqual(len(after), len(before))
         catalog = [(start * block_size, (start + count) * block_size)
                    for start, count in info["catalog_extents"]]
@@ -263,7 +267,7 @@ class Changing(ImageCase):
 class Safety(ImageCase):
     def run_with_faults(self, ops, args, image):
         """Fails the N-th operation of `ops` for N = 1, 2, ... until a run succeeds."""
-        pristine = open(image, "rb").read()
+        pristine = contents(image)
         runs = 0
         for n in range(1, 5000):
             with open(image, "wb") as f:
@@ -280,7 +284,7 @@ class Safety(ImageCase):
                 if ops == "write":
                     self.assertIn(b"Error while flushing changes to catalog file.\n", result.stderr)
                 else:
-                    self.assertEqual(open(image, "rb").read(), pristine,
+                    self.assertEqual(contents(image), pristine,
                                      "a run that failed before its flush changed the image")
         self.fail("the operation never succeeded")
 
@@ -288,11 +292,11 @@ class Safety(ImageCase):
         image = self.path()
         build(image, "Pristine", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
               "--files", 200, "--catalog-fragments", 10)
-        pristine = open(image, "rb").read()
+        pristine = contents(image)
         for ops in ("alloc", "read"):
             runs = self.run_with_faults(ops, [image], image)
             self.assertGreater(runs, 3)
-            self.assertEqual(open(image, "rb").read(), pristine)
+            self.assertEqual(contents(image), pristine)
         for ops in ("alloc", "read", "write"):
             runs = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
             self.assertGreater(runs, 0)
