@@ -137,3 +137,155 @@ TEST(BtreeModel, RandomInsertionsAndDeletionsMatchAnOrderedModel) {
     if (HasFatalFailure()) return;
   }
 }
+
+namespace {
+
+const char* kDeepExtents =
+    "--size 134217728 --label D --files 60 --extents-node-size 512 --free-extents-nodes 900 "
+    "--fragmented-files 40 --file-fragments 60";
+
+morv_btree_record_locator* find(morv_btree* tree, const ExtKey& k) {
+  morv_btree_search_result r;
+  morv_btree_search_result_init(&r);
+  const Key key = ext_key(k);
+  EXPECT_EQ(morv_btree_search_node(tree, key.data(), &r), MORV_OK);
+  EXPECT_TRUE(r.exact_match);
+  return r.exact_match ? r.locator : (morv_btree_search_result_release(&r), nullptr);
+}
+
+// The record that the locator's node and index name now, read from the fork.
+ExtKey key_at(morv_btree* tree, const morv_btree_record_locator* l) {
+  std::vector<uint8_t> node(tree->node_size);
+  EXPECT_EQ(morv_fork_read(tree->fork, uint64_t{*l->node_number} * tree->node_size, node.data(),
+                           node.size(), nullptr),
+            MORV_OK);
+  const uint16_t off = load_be16(&node[node.size() - 2 * (*l->record_index + 1u)]);
+  return ext_tuple(&node[off]);
+}
+
+}  // namespace
+
+TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
+  Image image(kDeepExtents);
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  auto model = tree_contents(tree);
+  // Hold a locator on every record of the tree's third leaf.
+  auto it = model.begin();
+  std::advance(it, 13);
+  morv_btree_record_locator* probe = find(tree, it->first);
+  const uint32_t leaf = *probe->node_number;
+  morv_btree_record_locator_close(&probe);
+  std::vector<std::pair<ExtKey, morv_btree_record_locator*>> held;
+  for (const auto& [k, r] : model) {
+    morv_btree_record_locator* l = find(tree, k);
+    if (*l->node_number == leaf) {
+      held.emplace_back(k, l);
+    } else {
+      morv_btree_record_locator_close(&l);
+    }
+  }
+  ASSERT_GE(held.size(), 2u);
+  // Shared: a second open of the same record is the same locator.
+  morv_btree_record_locator* again = find(tree, held[0].first);
+  EXPECT_EQ(again, held[0].second);
+  morv_btree_record_locator_close(&again);
+  EXPECT_EQ(again, nullptr);
+  EXPECT_EQ(ext_tuple(held[0].second->key), held[0].first);  // still open after one close
+  // Insert keys between the first two held records until the leaf has split.
+  const ExtKey lo = held[0].first;
+  for (uint32_t i = 1; i < 8; ++i) {
+    const ExtKey k{std::get<0>(lo), std::get<1>(lo), std::get<2>(lo) + i};
+    if (!(k < held[1].first)) break;
+    const Record r = ext_record(k, i);
+    ASSERT_EQ(morv_extents_insert(image.extents(), std::get<1>(k), std::get<0>(k), std::get<2>(k),
+                                  r.data()),
+              MORV_OK);
+    model[k] = r;
+    for (const auto& [hk, l] : held) ASSERT_EQ(key_at(tree, l), hk) << "after insertion " << i;
+  }
+  EXPECT_NE(*held.back().second->node_number, leaf) << "the leaf never split";
+  // Data written through a moved locator lands on its record.
+  Record fresh = ext_record(held.back().first, 777);
+  ASSERT_EQ(morv_btree_record_locator_write_data(held.back().second, fresh.data(), fresh.size()),
+            MORV_OK);
+  model[held.back().first] = fresh;
+  EXPECT_EQ(morv_btree_record_locator_write_data(held.back().second, fresh.data(), 65),
+            MORV_ERR_INVALID_ARGUMENT);
+  // Deleting the first held record shifts the others and marks it deleted.
+  ASSERT_EQ(morv_btree_delete_record(tree, held[0].second), MORV_OK);
+  model.erase(held[0].first);
+  for (size_t i = 1; i < held.size(); ++i) EXPECT_EQ(key_at(tree, held[i].second), held[i].first);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_btree_record_locator_write_data(held[0].second, fresh.data(), fresh.size()),
+            MORV_ERR_INTERNAL);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Attempted to write data to deleted "
+                                                        "locator.\n"),
+            std::string::npos);
+  EXPECT_EQ(ext_tuple(held[0].second->key), held[0].first);  // the copy stays readable
+  morv_btree_record_locator* successor = find(tree, held[1].first);
+  EXPECT_NE(successor, held[0].second);
+  morv_btree_record_locator_close(&successor);
+  EXPECT_EQ(tree_contents(tree), model);
+  // Three locators left open, one of them twice: freed and reported at destroy.
+  morv_btree_record_locator* twice = find(tree, held[1].first);
+  EXPECT_EQ(twice, held[1].second);
+  for (size_t i = 0; i < held.size(); ++i) {
+    if (i < 1 || i > 3) morv_btree_record_locator_close(&held[i].second);
+  }
+  ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
+  testing::internal::CaptureStderr();
+  image.close_all();
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Cleaned up 3 leaked B-tree record locators on destroy.\n"),
+            std::string::npos);
+  EXPECT_EQ(check_structure(image.path()), "");
+}
+
+TEST(BtreeDamage, DamagedCatalogTreesEndWithCorrupt) {
+  // The search for the root folder's thread record (parent 2, empty name)
+  // passes the damaged node; keys order by parent, then name.
+  const auto compare = [](const uint8_t* a, const uint8_t* b, uint32_t) -> int {
+    const uint32_t pa = load_be32(a + 2), pb = load_be32(b + 2);
+    if (pa != pb) return pa < pb ? -1 : 1;
+    const size_t la = load_be16(a) - 6u, lb = load_be16(b) - 6u;
+    const int c = memcmp(a + 8, b + 8, std::min(la, lb));
+    return c ? c : (la < lb ? -1 : la > lb);
+  };
+  const struct {
+    const char* corruption;
+    const char* message;
+    bool at_open;
+  } cases[] = {
+      {"index-self", "Index node points back to itself. Inconsistent B-tree.\n", false},
+      {"index-beyond", "Index node points to node after the last node. Inconsistent B-tree.\n",
+       false},
+      {"index-cycle", "Aborting search due to cyclic references in the B-tree.\n", false},
+      {"offsets-order", "Invalid node data: Records offsets are not in order", false},
+      {"header-kind", "Node kind 0, 768 records - should be kind 1, 3 records", true},
+      {"header-records", "Node kind 1, 512 records - should be kind 1, 3 records", true},
+      {"btree-type", "Tree type, according to header node, is 128", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.corruption);
+    Image image(std::string("--size 16777216 --label C --files 300 --catalog-node-size 512 "
+                            "--corrupt ") + c.corruption);
+    ASSERT_EQ(image.open_extents(), MORV_OK);
+    morv_btree* catalog = nullptr;
+    testing::internal::CaptureStderr();
+    morv_err err = morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
+                                     kBtreeKindCatalog, compare, &catalog);
+    if (!c.at_open && err == MORV_OK) {
+      uint8_t thread_key[8] = {0, 6, 0, 0, 0, 2, 0, 0};
+      morv_btree_search_result r;
+      morv_btree_search_result_init(&r);
+      err = morv_btree_search_node(catalog, thread_key, &r);
+      EXPECT_EQ(r.locator, nullptr);
+      morv_btree_destroy(&catalog);
+    }
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err, MORV_ERR_CORRUPT);
+    EXPECT_NE(log.find(c.message), std::string::npos) << log;
+    EXPECT_EQ(catalog, nullptr);
+  }
+}
