@@ -289,3 +289,130 @@ TEST(BtreeDamage, DamagedCatalogTreesEndWithCorrupt) {
     EXPECT_EQ(catalog, nullptr);
   }
 }
+
+TEST(BtreeClaims, LowestFreeNodeFromHeaderMapAndMapNodesThenExhaustion) {
+  // 2608 nodes of 512 bytes: the header's map record covers nodes 0..2047,
+  // a map node the rest.
+  Image image("--size 16777216 --label N --extents-node-size 512 --free-extents-nodes 2600");
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  const Header before = read_header(tree);
+  ASSERT_GT(before.total_nodes, 2048u + 8u);
+  std::vector<uint32_t> claimed;
+  morv_err err = MORV_OK;
+  for (uint32_t i = 0; i <= before.free_nodes; ++i) {
+    uint32_t node = 0;
+    testing::internal::CaptureStderr();
+    err = morv_btree_claim_node(tree, &node);
+    const std::string log = testing::internal::GetCapturedStderr();
+    if (err) {
+      EXPECT_NE(log.find("Need to expand B-tree, but this is not yet implemented.\n"),
+                std::string::npos);
+      break;
+    }
+    claimed.push_back(node);
+  }
+  EXPECT_EQ(err, MORV_ERR_UNSUPPORTED);
+  ASSERT_EQ(claimed.size(), before.free_nodes);
+  for (size_t i = 1; i < claimed.size(); ++i) ASSERT_EQ(claimed[i], claimed[i - 1] + 1);
+  EXPECT_EQ(claimed.back(), before.total_nodes - 1);
+  EXPECT_EQ(read_header(tree).free_nodes, 0u);
+  // Every node's bit is now set, in the header node and in the map node.
+  std::vector<uint8_t> header_node(512), map_node(512);
+  ASSERT_EQ(morv_fork_read(tree->fork, 0, header_node.data(), 512, nullptr), MORV_OK);
+  const uint32_t map = load_be32(header_node.data());
+  ASSERT_NE(map, 0u);
+  ASSERT_EQ(morv_fork_read(tree->fork, uint64_t{map} * 512, map_node.data(), 512, nullptr), MORV_OK);
+  const uint16_t header_map = load_be16(&header_node[512 - 6]);
+  const uint16_t node_map = load_be16(&map_node[512 - 2]);
+  for (uint32_t n = 0; n < before.total_nodes; ++n) {
+    const uint8_t byte = n < 2048 ? header_node[header_map + n / 8] : map_node[node_map + (n - 2048) / 8];
+    ASSERT_TRUE(byte & (0x80 >> (n % 8))) << "node " << n;
+  }
+  // The header node's own offset array is untouched by the claims.
+  EXPECT_EQ(load_be16(&header_node[512 - 8]), 512 - 8);
+}
+
+TEST(BtreeClaims, NoFreeNodeRefusesASplitAndChangesNothing) {
+  Image image("--size 16777216 --label N --files 10 --extents-node-size 512 "
+              "--free-extents-nodes 0 --fragmented-files 10 --file-fragments 60");
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  uint32_t node = 0;
+  while (read_header(tree).free_nodes) ASSERT_EQ(morv_btree_claim_node(tree, &node), MORV_OK);
+  const auto model = tree_contents(tree);
+  std::vector<uint8_t> before(*tree->fork->logical_size);
+  ASSERT_EQ(morv_fork_read(tree->fork, 0, before.data(), before.size(), nullptr), MORV_OK);
+  // Builder leaves are full: any new key needs a split.
+  const ExtKey k{std::get<0>(model.begin()->first), 0, std::get<2>(model.begin()->first) + 1};
+  const Record r = ext_record(k, 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_extents_insert(image.extents(), 0, std::get<0>(k), std::get<2>(k), r.data()),
+            MORV_ERR_UNSUPPORTED);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Need to expand B-tree, but this is not yet implemented.\n"),
+            std::string::npos);
+  std::vector<uint8_t> after(before.size());
+  ASSERT_EQ(morv_fork_read(tree->fork, 0, after.data(), after.size(), nullptr), MORV_OK);
+  EXPECT_TRUE(before == after);
+}
+
+namespace {
+
+// Runs `op` on a fresh copy of the deep image with the n-th operation of
+// `kind` failing, for n = 1, 2, ... until it succeeds; each failure must give
+// `expected`, leave no locator open for the tree to clean up, and leak
+// nothing (the sanitizer build).
+template <typename Op>
+void fail_each(unsigned kind, morv_err expected, Op op) {
+  for (uint64_t n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    Image image(kDeepExtents);
+    ASSERT_EQ(image.open_extents(), MORV_OK);
+    testing::internal::CaptureStderr();
+    morv_seam_fail_at(kind, n);
+    const morv_err err = op(image);
+    const bool delivered = morv_seam_failure_delivered();
+    morv_seam_fail_at(kind, 0);
+    image.close_all();
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.find("leaked"), std::string::npos) << log;
+    if (!delivered) {
+      ASSERT_EQ(err, MORV_OK);
+      ASSERT_GT(n, 1u);
+      return;
+    }
+    ASSERT_EQ(err, expected);
+    ASSERT_LT(n, 2000u);
+  }
+}
+
+}  // namespace
+
+TEST(BtreeFailures, InsertDeleteSearchFailCleanlyAtEveryStep) {
+  const ExtKey k{17, 0, 9};  // inside a full leaf: the insertion splits it
+  const Record r = ext_record(k, 5);
+  for (auto [kind, expected] : {std::pair{MORV_SEAM_ALLOC, MORV_ERR_NO_MEMORY},
+                                std::pair{MORV_SEAM_READ, MORV_ERR_IO}}) {
+    SCOPED_TRACE(kind);
+    fail_each(kind, expected, [&](Image& image) {
+      return morv_extents_insert(image.extents(), 0, 17, 9, r.data());
+    });
+    fail_each(kind, expected, [&](Image& image) {
+      morv_btree_search_result found;
+      morv_btree_search_result_init(&found);
+      const Key key = ext_key({17, 0, 8});
+      morv_err err = morv_btree_search_node(image.tree(), key.data(), &found);
+      if (!err) err = morv_btree_delete_record(image.tree(), found.locator);
+      morv_btree_search_result_release(&found);
+      return err;
+    });
+    fail_each(kind, expected, [&](Image& image) {
+      int found = 0;
+      Record out{};
+      const morv_err err =
+          morv_extents_get_next_extent_record(image.extents(), 0, 17, 16, &found, out.data());
+      return err ? err : (found ? MORV_OK : MORV_ERR_GENERIC);
+    });
+  }
+}
