@@ -1233,7 +1233,7 @@ morv_err morv_btree_node_make_record(const uint8_t* key, uint16_t key_length, co
     MORV_CRITICAL("Not enough space for the record data.\n");
     return MORV_ERR_INTERNAL;
   }
-  memcpy(destination + cur, data, data_size);
+  if (data_size) memcpy(destination + cur, data, data_size);
   cur += data_size;
   if (data_size & 1) {
     if (cur + 1 > record_size) {

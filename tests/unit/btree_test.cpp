@@ -464,7 +464,7 @@ TEST(BtreeRecords, OddKeyAndDataSizesAndLargeRecordsKeepOrderAndContent) {
     ASSERT_EQ(err, MORV_OK) << i;
     EXPECT_EQ(l->key_size, key.size());
     EXPECT_EQ(l->data_size, data.size() + (data.size() & 1));
-    EXPECT_EQ(memcmp(l->data, data.data(), data.size()), 0);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), l->data));
     morv_btree_record_locator_close(&l);
     model[key] = data;
     if (i % 3 == 2) {  // delete a random earlier one
