@@ -24,6 +24,7 @@
 // Lock order: items lock, then dirty lock, then one item lock.
 #include "fork.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "device_unix.hpp"
@@ -1020,21 +1021,25 @@ struct flush_span {
 };
 
 // Writes fork sectors [first, stop) of the item, which are all modified, in
-// one device request, then clears their bits.
+// one device request, then clears their bits. A fork sector larger than an
+// allocation block may straddle two extents, and so two device runs: each run
+// writes its own part of the sector, and the bit is cleared by the run that
+// holds the sector's end (runs are flushed in ascending fork order).
 [[nodiscard]] morv_err write_sector_run(const morv_fork_write_io_context* ctx,
                                         morv_fork_cache_item* item, const flush_span& span,
                                         uint64_t first, uint64_t stop) {
   const morv_fork_private* priv = ctx->fork->priv;
   const uint32_t fork_shift = ctx->device_shift + ctx->sector_shift;
   const uint64_t item_first = span.index << (kCacheItemShift - fork_shift);
-  const uint64_t device_sector =
-      (span.run_device_offset + ((first << fork_shift) - span.run_fork_offset)) >> ctx->device_shift;
-  const uint64_t count = (stop - first) << ctx->sector_shift;
+  const uint64_t begin = std::max(first << fork_shift, span.begin);
+  const uint64_t end = std::min(stop << fork_shift, span.end);
+  const uint64_t device_sector = (span.run_device_offset + (begin - span.run_fork_offset)) >> ctx->device_shift;
+  const uint64_t count = (end - begin + (uint64_t{1} << ctx->device_shift) - 1) >> ctx->device_shift;
   if (count > UINT32_MAX) {
     MORV_CRITICAL("Overflow in number of sectors to write: %llu\n", morv_ull(count));
     return MORV_ERR_INTERNAL;
   }
-  const uint8_t* data = item->data + ((first - item_first) << fork_shift);
+  const uint8_t* data = item->data + (begin - (span.index << kCacheItemShift));
   if (morv_err err = morv_device_write_disk_sectors(priv->device, device_sector,
                                                     static_cast<uint32_t>(count), data)) {
     MORV_ERROR("Error while writing disk sectors for item %llu block %zu to sector %llu.\n",
@@ -1043,6 +1048,7 @@ struct flush_span {
     return err;
   }
   for (uint64_t k = first; k < stop; ++k) {
+    if (((k + 1) << fork_shift) > span.end && span.end < priv->logical_size) continue;
     clear_bit(item->modification_bitmap, k - item_first);
     --item->modified;
   }
@@ -1111,16 +1117,15 @@ morv_err morv_fork_process_write_io(void* context, uint64_t device_offset, uint6
   const uint64_t logical_size = priv->logical_size;
   if (logical_size != 0 && fork_offset >= logical_size) return MORV_OK;
   if (length > logical_size - fork_offset) length = logical_size - fork_offset;
-  const uint32_t fork_shift = ctx->device_shift + ctx->sector_shift;
-  const uint64_t sector_mask = (uint64_t{1} << fork_shift) - 1;
   const uint64_t end = fork_offset + length;
-  // Extents of whole allocation blocks of at least one fork sector keep every
-  // run on sector boundaries (or ending at the logical size).
-  if ((fork_offset & sector_mask) != 0 ||
-      (device_offset & ((uint64_t{1} << ctx->device_shift) - 1)) != 0 ||
-      ((end & sector_mask) != 0 && end != logical_size)) {
+  // Extents are whole allocation blocks, so every run starts and ends on
+  // device sectors (or at the logical size); fork sectors larger than a block
+  // may be cut by a run's ends.
+  const uint64_t device_mask = (uint64_t{1} << ctx->device_shift) - 1;
+  if ((fork_offset & device_mask) != 0 || (device_offset & device_mask) != 0 ||
+      ((end & device_mask) != 0 && end != logical_size)) {
     MORV_CRITICAL("Unexpected - Run at fork offset %llu (device offset %llu, %llu bytes) is not "
-                  "aligned to fork sectors.\n",
+                  "aligned to device sectors.\n",
                   morv_ull(fork_offset), morv_ull(device_offset), morv_ull(length));
     return MORV_ERR_INTERNAL;
   }

@@ -241,18 +241,19 @@ class TreePlan:
     and the total node count."""
 
     def __init__(self, key_lens, data_lens, node_size, var_index, max_key_len,
-                 free_nodes, nodes_per_block, min_total=0, rng=None):
+                 free_nodes, nodes_per_block, min_total=0, rng=None, fill=100):
         ns = node_size
         cap = ns - 14 - 2          # descriptor and the free-space offset
+        limit = cap * fill // 100  # a node is filled up to this many bytes
         self.ns = ns
         self.levels = []           # per level: list of (start, end) into the level below
         sizes = [k + d for k, d in zip(key_lens, data_lens)]
-        self.levels.append(self._group(sizes, cap, "record"))
+        self.levels.append(self._group(sizes, cap, "record", limit))
         idx_len = (lambda k: k + 4) if var_index else (lambda k: max_key_len + 2 + 4)
         # Key length of the first record of every node of the current level.
         firsts = [key_lens[s] for s, _ in self.levels[0]]
         while len(self.levels[-1]) > 1:
-            groups = self._group([idx_len(k) for k in firsts], cap, "index record")
+            groups = self._group([idx_len(k) for k in firsts], cap, "index record", limit)
             if len(groups) >= len(firsts):
                 raise BuildError("node size %d is too small: an index node cannot hold two "
                                  "index records" % ns)
@@ -287,7 +288,7 @@ class TreePlan:
             n += len(level)
 
     @staticmethod
-    def _group(sizes, cap, what):
+    def _group(sizes, cap, what, limit):
         groups = []
         start = used = 0
         for i, s in enumerate(sizes):
@@ -295,7 +296,7 @@ class TreePlan:
             if c > cap:
                 raise BuildError("a %s of %d bytes does not fit in a node (room for %d); "
                                  "use a larger node size" % (what, s, cap - 2))
-            if used + c > cap:
+            if used and used + c > limit:
                 groups.append((start, i))
                 start, used = i, 0
             used += c
@@ -504,7 +505,7 @@ class Volume:
         return TreePlan([len(e[1]) for e in entries],
                         [248 if isinstance(e[2], tuple) else len(e[2]) for e in entries],
                         ns, True, CATALOG_MAX_KEY, free,
-                        max(1, o.block_size // ns), min_total, self.rng())
+                        max(1, o.block_size // ns), min_total, self.rng(), o.fill)
 
     def files_for_depth(self, depth):
         """Smallest power-of-two-ish file count that gives the catalog this depth."""
@@ -830,6 +831,8 @@ def parse_args(argv):
                    help="folders form chains of this many, each inside the previous "
                    "(default 1: all folders directly in the root)")
     p.add_argument("--name-length", type=int, default=0)
+    p.add_argument("--fill", type=int, default=100,
+                   help="fill catalog nodes up to this percentage of their room (default 100)")
     p.add_argument("--corrupt", choices=CORRUPTIONS)
     p.add_argument("--scatter-nodes", action="store_true",
                    help="place the B-tree nodes at random node numbers (see --seed), "
@@ -839,6 +842,8 @@ def parse_args(argv):
     p.add_argument("--info", action="store_true",
                    help="print a JSON summary of the layout on stdout")
     o = p.parse_args(argv)
+    if not 10 <= o.fill <= 100:
+        p.error("--fill must be between 10 and 100")
     for name in ("free_catalog_nodes", "free_extents_nodes"):
         v = getattr(o, name)
         if v is not None and v < 0:

@@ -488,3 +488,25 @@ TEST(ForkFailures, FlushWritesOnlyWholeModifiedSectors) {
   }
   testing::internal::GetCapturedStderr();
 }
+
+TEST(ForkWrite, NodesLargerThanABlockStraddlingTwoExtents) {
+  // 4096-byte fork sectors (a catalog's nodes) over 1024-byte blocks whose
+  // extents split fork sector 1 between two runs of the device.
+  ForkImage img(1024, 64, {{10, 6}, {30, 10}});
+  ASSERT_EQ(img.create(4096), MORV_OK);
+  std::vector<uint8_t> node(4096);
+  ASSERT_EQ(morv_fork_read(img.fork, 4096, node.data(), node.size(), nullptr), MORV_OK);
+  EXPECT_EQ(node, img.fork_bytes(4096, 4096));
+  img.write(4096, bytes_of(4096, 9));
+  img.write(3 * 4096, bytes_of(4096, 5));
+  img.observe();
+  ASSERT_EQ(morv_fork_flush(img.fork), MORV_OK);
+  // The straddling sector goes out as its two parts, each in its own run.
+  const std::vector<Request> expected = {{MORV_SEAM_WRITE, 14 * 1024, 2048},
+                                         {MORV_SEAM_WRITE, 30 * 1024, 2048},
+                                         {MORV_SEAM_WRITE, 36 * 1024, 4096}};
+  EXPECT_EQ(g_requests, expected);
+  EXPECT_EQ(img.file.read_all(), img.disk);
+  EXPECT_EQ(img.priv()->dirty_items, 0u);
+  EXPECT_EQ(img.priv()->items[0]->modified, 0u);
+}
