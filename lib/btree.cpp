@@ -692,7 +692,7 @@ struct search_path {
   for (uint16_t i = 0; i < count; ++i) {
     const uint16_t off = offset_entry(node, node_size, i);
     const size_t size = size_t{offset_entry(node, node_size, i + 1u)} - off;
-    if (size < 2 || size_t{load_be16(node + off)} + 2 + child_size > size) {
+    if (size < 2 || padded(size_t{load_be16(node + off)} + 2) + child_size > size) {
       MORV_ERROR("Invalid node data: Key of record %hu does not fit in its record (%zu bytes).\n",
                  i, size);
       return MORV_ERR_CORRUPT;
@@ -701,9 +701,12 @@ struct search_path {
   return MORV_OK;
 }
 
+// An index record's child number follows its key padded to an even size,
+// where the record was built; for the even keys of HFS+ that is directly
+// behind the key.
 uint32_t child_of(const uint8_t* node, uint16_t node_size, uint16_t index) {
   const uint8_t* record = node + offset_entry(node, node_size, index);
-  return load_be32(record + 2 + load_be16(record));
+  return load_be32(record + padded(size_t{load_be16(record)} + 2));
 }
 
 // Opens a locator on record `index` of the mapped `node`.
@@ -1230,7 +1233,7 @@ morv_err morv_btree_node_make_record(const uint8_t* key, uint16_t key_length, co
     MORV_CRITICAL("Not enough space for the record data.\n");
     return MORV_ERR_INTERNAL;
   }
-  memcpy(destination + cur, data, data_size);
+  if (data_size) memcpy(destination + cur, data, data_size);
   cur += data_size;
   if (data_size & 1) {
     if (cur + 1 > record_size) {

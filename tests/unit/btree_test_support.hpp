@@ -72,7 +72,7 @@ class Image {
   }
   void close_all() {
     morv_extents_destroy(&extents_);
-    morv_device_destroy(&device_);
+    if (device_) morv_device_destroy(&device_);
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
   }
