@@ -1587,53 +1587,93 @@ namespace {
 
 namespace {
 
-// Free bytes of a node for records and their offset entries.
-[[nodiscard]] morv_err node_room(morv_btree* tree, uint32_t node, size_t* out_room) {
+// What one level of an insertion asks of the level above: the bytes of the
+// index record that a split adds there (0 without a split), and whether the
+// node's first key is replaced (an insertion at position 0).
+struct level_change {
+  size_t split_index_record;
+  bool replaces_first_key;
+};
+
+// Follows an insertion of an `r`-byte record at position `p` of `node`:
+// whether the node must split and, if so, the size of the index record the
+// claimed node's first key makes one level up.
+[[nodiscard]] morv_err plan_level(morv_btree* tree, uint32_t node, uint16_t p, size_t r,
+                                  bool is_root, level_change* out) {
+  const uint16_t ns = tree->node_size;
   mapping m(tree->fork);
-  morv_err err = m.map(node_offset(tree, node), tree->node_size);
+  morv_err err = m.map(node_offset(tree, node), ns);
   if (err) {
     MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(node));
     return err;
   }
-  err = validate_node(m.get(), tree->node_size);
+  const uint8_t* buf = m.get();
+  if ((err = validate_node(buf, ns))) return err;
+  const uint16_t n = num_records(buf);
+  const size_t room = ns - offset_entry(buf, ns, n) - nd::kOffsetEntrySize * (n + 1u);
+  *out = level_change{0, p == 0};
+  if (room >= r + nd::kOffsetEntrySize) return m.unmap();
+  if (is_root) {
+    MORV_ERROR("Unable to split root node.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  uint16_t split = 0;
+  if ((err = choose_split_index(buf, ns, p > n ? n : p, r, &split))) return err;
+  // The claimed node starts with record `split`; the new record stays in the
+  // split node, at `p`, only when the split index is not below `p`.
+  const uint8_t* first = buf + offset_entry(buf, ns, split);
+  out->split_index_record = padded(size_t{load_be16(first)} + 2) + nd::kIndexDataSize;
+  out->replaces_first_key = p == 0 && split >= p;
+  return m.unmap();
+}
+
+// Size of the key of record `index` of `node` (keyLength + 2).
+[[nodiscard]] morv_err record_key_size(morv_btree* tree, uint32_t node, uint16_t index,
+                                       size_t* out_size) {
+  mapping m(tree->fork);
+  morv_err err = m.map(node_offset(tree, node), tree->node_size);
   if (err) return err;
+  if ((err = validate_node(m.get(), tree->node_size))) return err;
   const uint16_t n = num_records(m.get());
-  *out_room = tree->node_size - offset_entry(m.get(), tree->node_size, n) -
-              nd::kOffsetEntrySize * (n + 1u);
+  const uint16_t i = index < n ? index : static_cast<uint16_t>(n ? n - 1 : 0);
+  *out_size = n ? size_t{load_be16(m.get() + offset_entry(m.get(), tree->node_size, i))} + 2 : 0;
   return m.unmap();
 }
 
 // Before anything is written: follows the splits and index key replacements
 // that an insertion of an `r`-byte record at position `p` of the path's last
-// node can cause up the path, and refuses the insertion when they would
-// reach the root (which never splits) or need more nodes than are free.
-// Refusing here keeps the tree intact; a refusal half-way would leave a
-// split node without its index record. Index records that a split adds are
-// counted at the tree's maximum key size.
+// node causes up the path, with the split points the insertion will choose,
+// and refuses the insertion when they would reach the root (which never
+// splits) or need more nodes than are free. Refusing here keeps the tree
+// intact; a refusal half-way would leave a split node without its index
+// record.
 [[nodiscard]] morv_err check_insert_fits(morv_btree* tree, const search_path& path, uint16_t p,
                                          size_t r, size_t key_size) {
   if (path.count == 0 || path.count > kMaxPath || r > size_t{tree->node_size} - 18) return MORV_OK;
-  const size_t max_index_record = padded(size_t{tree->max_key_length} + 2) + nd::kIndexDataSize;
   const size_t new_index_record = padded(key_size) + nd::kIndexDataSize;
   size_t need = r;
-  bool replace = p == 0;
+  uint16_t position = p;
   uint32_t claims = 0;
   for (size_t k = path.count; k-- > 0;) {
-    size_t room = 0;
-    morv_err err = node_room(tree, path.node[k], &room);
+    level_change change{};
+    morv_err err = plan_level(tree, path.node[k], position, need, k == 0, &change);
     if (err) return err;
-    const bool split = room < need + nd::kOffsetEntrySize;
-    if (split && k == 0) {
-      MORV_ERROR("Unable to split root node.\n");
-      return MORV_ERR_INTERNAL;
-    }
-    claims += split;
+    claims += change.split_index_record != 0;
     if (k == 0) break;
-    need = (split ? max_index_record + nd::kOffsetEntrySize : 0) +
-           (replace ? new_index_record + nd::kOffsetEntrySize : 0);
-    if (need == 0) break;
-    need -= nd::kOffsetEntrySize;
-    replace = replace && path.index[k - 1] == 0;
+    // One level up: the split's index record goes behind this node's own,
+    // and a replaced first key swaps this node's index record for one with
+    // the new key.
+    const uint16_t parent_index = path.index[k - 1];
+    size_t grows = change.split_index_record ? change.split_index_record + nd::kOffsetEntrySize : 0;
+    if (change.replaces_first_key) {
+      size_t old_key = 0;
+      if ((err = record_key_size(tree, path.node[k - 1], parent_index, &old_key))) return err;
+      const size_t old_record = padded(old_key) + nd::kIndexDataSize;
+      if (new_index_record > old_record) grows += new_index_record - old_record;
+    }
+    if (grows == 0) break;
+    need = grows - nd::kOffsetEntrySize * (change.split_index_record != 0);
+    position = static_cast<uint16_t>(parent_index + (change.split_index_record != 0));
   }
   uint8_t header[hr::kSize];
   morv_err err = read_header(tree, header);

@@ -220,7 +220,7 @@ class Changing(ImageCase):
         shapes = [
             # (block size, catalog node size, files, folders, fragments, hfsx, extra options)
             (4096, 4096, 1, 0, 1, False, []),
-            (512, 512, 300, 10, 1, False, ["--name-length", 60]),
+            (512, 1024, 300, 10, 1, False, ["--name-length", 20]),
             (4096, 8192, 2000, 40, 20, False, []),
             (1024, 4096, 500, 5, 12, True, []),
             (65536, 32768, 50, 2, 1, True, []),
@@ -238,12 +238,12 @@ class Changing(ImageCase):
 
     def test_long_names_split_nodes_and_replace_index_records(self):
         image = self.path()
-        info = build(image, "A", "--size", 32 << 20, "--block-size", 512, "--catalog-node-size", 1024,
+        info = build(image, "A", "--size", 32 << 20, "--block-size", 512, "--catalog-node-size", 2048,
                      "--files", 3000, "--folders", 30, "--name-length", 120, "--free-catalog-nodes", 64)
-        self.assertGreaterEqual(info["catalog"]["depth"], 3)
-        for label in ("\u00e9" * 250, "B" * 255, "a", "Z" * 200):
+        self.assertGreaterEqual(info["catalog"]["depth"], 4)
+        for label in ("\u00e9" * 127, "B" * 255, "a", "Z" * 200):
             with self.subTest(label=label[:8]):
-                self.change_and_verify(image, info, 512, 1024, label)
+                self.change_and_verify(image, info, 512, 2048, label)
 
     def test_fifty_thousand_files(self):
         image = self.path()
@@ -314,6 +314,20 @@ class Safety(ImageCase):
         self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
         self.assertEqual(digest(image), before)
         self.assertEqual(tool(image).stdout, b"Full\n")
+
+    def test_a_label_the_catalog_cannot_hold(self):
+        # A 255-unit name makes 518-byte keys: with 1024-byte nodes the records
+        # and index records that carry it cannot be placed without splitting
+        # the root, and the tree never grows in depth.
+        image = self.path()
+        build(image, "Small nodes", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 1024,
+              "--files", 300, "--folders", 10, "--name-length", 20)
+        before = digest(image)
+        result = tool(image, "B" * 255)
+        self.assertEqual(result.returncode, 1)
+        self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+        self.assertEqual(digest(image), before)
+        self.assertEqual(tool(image).stdout, b"Small nodes\n")
 
     def test_a_change_waits_for_a_reader(self):
         image = self.path()

@@ -224,25 +224,24 @@ TEST(CatalogLocators, SharedParentsAndLeakedLocatorsAreCounted) {
 }
 
 TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
-  OpenCatalog cat("--size 8388608 --block-size 512 --catalog-node-size 512 --label Old --files 60 "
-                  "--folders 4 --fill 70");
+  OpenCatalog cat("--size 8388608 --block-size 512 --label Old --files 200 --folders 4");
   // The root folder: renamed in place, no valence change, thread rebuilt.
   auto root = cat.by_cnid(kRootFolderCnid, 1);
   const uint32_t root_valence = valence_of(root.locator);
-  std::vector<uint8_t> name = make_key(0, std::u16string(150, u'N'));
+  std::vector<uint8_t> name = make_key(0, std::u16string(60, u'N'));
   uint8_t parent_be[4];
   store_be32(parent_be, kRootParentCnid);
   uint32_t root_parent;
   memcpy(&root_parent, parent_be, 4);
   ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, root_parent,
-                                       reinterpret_cast<const uint16_t*>(&name[8]), 150),
+                                       reinterpret_cast<const uint16_t*>(&name[8]), 60),
             MORV_OK);
   EXPECT_EQ(root.locator, nullptr);
   root = cat.by_cnid(kRootFolderCnid, 1);
-  EXPECT_EQ(key_name(root.locator->btree_locator->key), std::u16string(150, u'N'));
+  EXPECT_EQ(key_name(root.locator->btree_locator->key), std::u16string(60, u'N'));
   EXPECT_EQ(valence_of(root.locator), root_valence);
   auto thread = cat.by_cnid(kRootFolderCnid, 0);
-  EXPECT_EQ(load_be16(thread.locator->btree_locator->data + catalog::kThreadName), 150);
+  EXPECT_EQ(load_be16(thread.locator->btree_locator->data + catalog::kThreadName), 60);
 
   // Moving the root under another folder is refused before anything changes.
   uint32_t other;
