@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <utility>
 #include <unistd.h>
 #include <vector>
 
@@ -14,67 +15,51 @@
 #include "support_unix.hpp"
 #include "test_support.hpp"
 #include "volume.hpp"
+#include "catalog_fixtures.hpp"
 
 namespace {
 
-std::vector<uint8_t> make_key(uint32_t parent, const std::u16string& name) {
-  std::vector<uint8_t> key(8 + 2 * name.size());
-  store_be16(&key[0], static_cast<uint16_t>(6 + 2 * name.size()));
-  store_be32(&key[2], parent);
-  store_be16(&key[6], static_cast<uint16_t>(name.size()));
-  for (size_t i = 0; i < name.size(); ++i) store_be16(&key[8 + 2 * i], name[i]);
-  return key;
-}
+using namespace morv_test;
+
 
 int compare(uint32_t pa, const std::u16string& a, uint32_t pb, const std::u16string& b, uint32_t type) {
   return morv_catalog_compare_keys(make_key(pa, a).data(), make_key(pb, b).data(), type);
 }
 
-std::u16string key_name(const uint8_t* key) {
-  std::u16string name;
-  for (uint16_t i = 0; i < load_be16(key + 6); ++i) name.push_back(load_be16(key + 8 + 2 * i));
-  return name;
+// A CNID in on-disk byte order, as rename takes its new parent.
+uint32_t on_disk(uint32_t cnid) {
+  uint8_t bytes[4];
+  store_be32(bytes, cnid);
+  uint32_t value;
+  memcpy(&value, bytes, 4);
+  return value;
 }
 
-// A catalog opened over a builder image (read/write), with its own device.
-struct OpenCatalog {
-  explicit OpenCatalog(const std::string& args) {
-    morv_test::build_image(args, file);
-    fd = open(file.path().c_str(), O_RDWR);
-    EXPECT_EQ(morv_device_create(fd, 0, 512, 0, &device), MORV_OK);
-    size_t length = 0;
-    EXPECT_EQ(morv_volume_read_header(device, &buffer, &length, &header), MORV_OK);
-    EXPECT_EQ(morv_extents_create(device, header, &extents), MORV_OK);
-    EXPECT_EQ(morv_catalog_create(device, extents, header, &catalog), MORV_OK);
-  }
-  ~OpenCatalog() {
-    if (catalog) morv_catalog_destroy(&catalog);
-    if (extents) morv_extents_destroy(&extents);
-    morv_free(buffer);
-    morv_device_destroy(&device);
-    close(fd);
-  }
-  void flush() { ASSERT_EQ(morv_fork_flush(catalog->priv->tree->fork), MORV_OK); }
-  morv_catalog_search_result by_cnid(uint32_t cnid, int follow) {
-    morv_catalog_search_result result;
-    morv_catalog_search_result_init(&result);
-    EXPECT_EQ(morv_catalog_search_by_cnid(catalog, cnid, follow, &result), MORV_OK);
-    return result;
-  }
-  morv_test::TempFile file;
-  int fd = -1;
-  morv_device* device = nullptr;
-  uint8_t* buffer = nullptr;
-  uint8_t* header = nullptr;
-  morv_extents* extents = nullptr;
-  morv_catalog* catalog = nullptr;
-};
-
-uint16_t type_of(const morv_catalog_record_locator* locator) {
-  return load_be16(locator->btree_locator->data);
+// Renames through a name given in host order.
+morv_err rename_to(OpenCatalog& cat, morv_catalog_record_locator** locator, uint32_t parent,
+                const std::u16string& name) {
+  const std::vector<uint8_t> key = make_key(0, name);
+  return morv_catalog_rename_record(cat.catalog, locator, on_disk(parent),
+                                    reinterpret_cast<const uint16_t*>(&key[8]), name.size());
 }
-uint32_t valence_of(const morv_catalog_record_locator* locator) {
-  return load_be32(locator->btree_locator->data + catalog::kFolderValence);
+
+// Walks the records behind `from` (by get_next) to the first of `type`
+// under `parent`; returns its name and CNID.
+std::pair<std::u16string, uint32_t> first_child(OpenCatalog& cat, morv_catalog_record_locator* from,
+                                                uint32_t parent, uint16_t type) {
+  std::pair<std::u16string, uint32_t> found;
+  morv_catalog_record_locator* cur = nullptr;
+  EXPECT_EQ(morv_catalog_get_next_record(cat.catalog, from, &cur), MORV_OK);
+  while (cur && load_be32(cur->btree_locator->key + 2) == parent && found.first.empty()) {
+    if (type_of(cur) == type)
+      found = {key_name(cur->btree_locator->key), load_be32(cur->btree_locator->data + catalog::kRecordCnid)};
+    morv_catalog_record_locator* following = nullptr;
+    EXPECT_EQ(morv_catalog_get_next_record(cat.catalog, cur, &following), MORV_OK);
+    morv_catalog_record_locator_close(&cur);
+    cur = following;
+  }
+  if (cur) morv_catalog_record_locator_close(&cur);
+  return found;
 }
 
 // Path components for morv_catalog_search_by_path, big-endian.
@@ -139,15 +124,7 @@ TEST(CatalogLookups, ByCnidThreadAndPath) {
   EXPECT_EQ(missing.exact_match, 0u);
   EXPECT_NE(missing.locator, nullptr);
 
-  // The first folder under the root, found by iterating from the root record.
-  morv_catalog_record_locator* next = nullptr;
-  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &next), MORV_OK);
-  ASSERT_NE(next, nullptr);
-  EXPECT_EQ(load_be32(next->btree_locator->key + 2), kRootFolderCnid);
-  morv_catalog_record_locator_close(&next);
-
-  // Paths: the root itself, a folder, a file, a missing name, through a file.
-  std::vector<std::u16string> names;
+  // Paths: the root itself, a missing name in a folder, a file, through a file.
   morv_catalog_search_result children;
   morv_catalog_search_result_init(&children);
   Path empty;
@@ -155,21 +132,8 @@ TEST(CatalogLookups, ByCnidThreadAndPath) {
   EXPECT_EQ(children.exact_match, 1u);
   EXPECT_EQ(load_be32(children.locator->btree_locator->data + catalog::kRecordCnid), kRootFolderCnid);
   morv_catalog_search_result_release(&children);
-
-  morv_catalog_record_locator* it = thread.locator;  // walk the root's children
-  std::u16string folder, file;
-  morv_catalog_record_locator* cur = nullptr;
-  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &cur), MORV_OK);
-  while (cur && load_be32(cur->btree_locator->key + 2) == kRootFolderCnid) {
-    if (type_of(cur) == catalog::kFolderRecord && folder.empty()) folder = key_name(cur->btree_locator->key);
-    if (type_of(cur) == catalog::kFileRecord && file.empty()) file = key_name(cur->btree_locator->key);
-    morv_catalog_record_locator* following = nullptr;
-    ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, cur, &following), MORV_OK);
-    morv_catalog_record_locator_close(&cur);
-    cur = following;
-  }
-  if (cur) morv_catalog_record_locator_close(&cur);
-  (void)it;
+  const std::u16string folder = first_child(cat, root.locator, kRootFolderCnid, catalog::kFolderRecord).first;
+  const std::u16string file = first_child(cat, root.locator, kRootFolderCnid, catalog::kFileRecord).first;
   ASSERT_FALSE(folder.empty());
   ASSERT_FALSE(file.empty());
 
@@ -228,14 +192,7 @@ TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
   // The root folder: renamed in place, no valence change, thread rebuilt.
   auto root = cat.by_cnid(kRootFolderCnid, 1);
   const uint32_t root_valence = valence_of(root.locator);
-  std::vector<uint8_t> name = make_key(0, std::u16string(60, u'N'));
-  uint8_t parent_be[4];
-  store_be32(parent_be, kRootParentCnid);
-  uint32_t root_parent;
-  memcpy(&root_parent, parent_be, 4);
-  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, root_parent,
-                                       reinterpret_cast<const uint16_t*>(&name[8]), 60),
-            MORV_OK);
+  ASSERT_EQ(rename_to(cat, &root.locator, kRootParentCnid, std::u16string(60, u'N')), MORV_OK);
   EXPECT_EQ(root.locator, nullptr);
   root = cat.by_cnid(kRootFolderCnid, 1);
   EXPECT_EQ(key_name(root.locator->btree_locator->key), std::u16string(60, u'N'));
@@ -244,13 +201,8 @@ TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
   EXPECT_EQ(load_be16(thread.locator->btree_locator->data + catalog::kThreadName), 60);
 
   // Moving the root under another folder is refused before anything changes.
-  uint32_t other;
-  store_be32(parent_be, 16);
-  memcpy(&other, parent_be, 4);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, other,
-                                       reinterpret_cast<const uint16_t*>(&name[8]), 3),
-            MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_EQ(rename_to(cat, &root.locator, 16, u"abc"), MORV_ERR_INVALID_ARGUMENT);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Attempting to move root directory"),
             std::string::npos);
   EXPECT_NE(root.locator, nullptr);
@@ -260,29 +212,15 @@ TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
   ASSERT_EQ(type_of(folder.locator), catalog::kFolderRecord);
   const uint32_t folder_valence = valence_of(folder.locator);
   morv_catalog_search_result_release(&folder);
-  Path to_file{{}};
-  morv_catalog_search_result file;
-  morv_catalog_search_result_init(&file);
-  morv_catalog_record_locator* cur = nullptr;
-  ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, root.locator, &cur), MORV_OK);
-  while (type_of(cur) != catalog::kFileRecord) {
-    morv_catalog_record_locator* following = nullptr;
-    ASSERT_EQ(morv_catalog_get_next_record(cat.catalog, cur, &following), MORV_OK);
-    morv_catalog_record_locator_close(&cur);
-    cur = following;
-  }
-  to_file.parts.push_back(key_name(cur->btree_locator->key));
-  const uint32_t file_cnid = load_be32(cur->btree_locator->data + catalog::kRecordCnid);
-  morv_catalog_record_locator_close(&cur);
+  const auto [file_name, file_cnid] = first_child(cat, root.locator, kRootFolderCnid, catalog::kFileRecord);
   morv_catalog_search_result_release(&root);
   morv_catalog_search_result_release(&thread);
+  Path to_file{{file_name}};
+  morv_catalog_search_result file;
+  morv_catalog_search_result_init(&file);
   ASSERT_EQ(morv_catalog_search_by_path(cat.catalog, Path::source, &to_file, nullptr, &file), MORV_OK);
   ASSERT_EQ(file.exact_match, 1u);
-  const std::u16string moved = u"Moved file";
-  std::vector<uint8_t> moved_key = make_key(0, moved);
-  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &file.locator, other,
-                                       reinterpret_cast<const uint16_t*>(&moved_key[8]), moved.size()),
-            MORV_OK);
+  ASSERT_EQ(rename_to(cat, &file.locator, 16, u"Moved file"), MORV_OK);
   morv_catalog_search_result_release(&file);
   root = cat.by_cnid(kRootFolderCnid, 1);
   EXPECT_EQ(valence_of(root.locator), root_valence - 1);
@@ -306,15 +244,8 @@ TEST(CatalogRename, MissingThreadIsRecreatedAndFailuresLeaveTheImageUnwritten) {
   morv_catalog_search_result_init(&root);
   ASSERT_EQ(morv_catalog_search_node(cat.catalog, key.data(), &root), MORV_OK);
   ASSERT_EQ(root.exact_match, 1u);
-  uint32_t parent = 0;
-  uint8_t parent_be[4];
-  store_be32(parent_be, kRootParentCnid);
-  memcpy(&parent, parent_be, 4);
-  const std::vector<uint8_t> name = make_key(0, u"Found");
   testing::internal::CaptureStderr();
-  ASSERT_EQ(morv_catalog_rename_record(cat.catalog, &root.locator, parent,
-                                       reinterpret_cast<const uint16_t*>(&name[8]), 5),
-            MORV_OK);
+  ASSERT_EQ(rename_to(cat, &root.locator, kRootParentCnid, u"Found"), MORV_OK);
   EXPECT_NE(testing::internal::GetCapturedStderr().find(
                 "Missing thread record for original file in rename. Creating new thread record...\n"),
             std::string::npos);

@@ -11,6 +11,7 @@
 #include "support_unix.hpp"
 #include "test_support.hpp"
 #include "volume.hpp"
+#include "catalog_fixtures.hpp"
 
 namespace {
 
@@ -118,36 +119,8 @@ TEST(VolumeHeader, RefusesOtherSignaturesAndReportsReadAndWriteFailures) {
 
 namespace {
 
-// A volume opened over a builder image on its own read/write device.
-struct OpenVolume {
-  explicit OpenVolume(const std::string& args, uint32_t skip_allocation_file = 1) {
-    morv_test::build_image(args, file);
-    fd = open(file.path().c_str(), O_RDWR);
-    EXPECT_EQ(morv_device_create(fd, 0, 512, 0, &device), MORV_OK);
-    err = morv_volume_create(device, skip_allocation_file, &volume);
-  }
-  ~OpenVolume() {
-    if (volume) morv_volume_destroy(&volume);
-    morv_device_destroy(&device);
-    close(fd);
-  }
-  std::u16string label() const {
-    std::u16string units;
-    for (uint16_t i = 0; i < *volume->label_length; ++i) units.push_back(load_be16(volume->label + 2 * i));
-    return units;
-  }
-  morv_test::TempFile file;
-  int fd = -1;
-  morv_device* device = nullptr;
-  morv_volume* volume = nullptr;
-  morv_err err = MORV_OK;
-};
-
-std::vector<uint16_t> big_endian(const std::u16string& text) {
-  std::vector<uint16_t> units(text.size());
-  for (size_t i = 0; i < text.size(); ++i) store_be16(reinterpret_cast<uint8_t*>(&units[i]), text[i]);
-  return units;
-}
+using morv_test::OpenVolume;
+using morv_test::big_endian;
 
 std::string open_failure(const std::string& args, morv_err expected, uint32_t skip = 1) {
   testing::internal::CaptureStderr();
