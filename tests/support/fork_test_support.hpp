@@ -49,6 +49,21 @@ std::string logged(F f) {
 }
 inline bool has(const std::string& log, const char* text) { return log.find(text) != std::string::npos; }
 
+// Runs `op` with the n-th following `kind` call failing, n = 1, 2, ..., until
+// no failure is delivered, passing each result to `check(err, failed)`.
+// Returns the number of failed runs.
+template <typename Op, typename Check>
+uint64_t fail_each(morv_seam_op kind, Op op, Check check) {
+  for (uint64_t n = 1;; ++n) {
+    morv_seam_fail_at(kind, n);
+    const morv_err err = op();
+    const bool failed = morv_seam_failure_delivered();
+    morv_seam_fail_at(MORV_SEAM_ALL, 0);
+    check(err, failed);
+    if (!failed) return n - 1;
+  }
+}
+
 // An image file of `blocks` allocation blocks filled with a position-dependent
 // pattern, a volume header naming the block size, and fork data whose extents
 // the test places. `disk` models the file's expected contents.

@@ -114,7 +114,7 @@ TEST(UnicodeCompose, GreedySequencesSingleUnitRowsAndCapacity) {
   EXPECT_EQ(morv_unicode_hfsplus_to_windows_string_length(name.p(), 4), 2u);
 }
 
-TEST(UnicodeDecompose, ExactAndShortBuffers) {
+TEST(UnicodeDecompose, ExactAndShortBuffersAndFullLengthWithoutAllocation) {
   const Units in = {0x00C0, 0xAC01, 0, 'z'};  // a 0 unit is decomposed like any other
   const Units full = {0x0041, 0x0300, 0x1100, 0x1161, 0x11A8, 0, 'z'};
   EXPECT_EQ(morv_unicode_windows_to_hfsplus_string_length(in.data(), in.size()), 7u);
@@ -132,12 +132,10 @@ TEST(UnicodeDecompose, ExactAndShortBuffers) {
   EXPECT_EQ(out, (Units{0x0041, 0x0300, 0x1100, 0x1161, 0xEEEE, 0xEEEE, 0xEEEE, 0xEEEE}));
   EXPECT_EQ(morv_unicode_decompose_string(in.data(), 1, out.data(), 0, &n), 1);
   EXPECT_EQ(morv_unicode_decompose_string(in.data(), 0, out.data(), 0, &n), 0);
-}
-
-TEST(UnicodeDecompose, FullLengthNameNeedsNoAllocation) {
+  // A full-length name both ways without allocating.
   const Units composed(85, 0x1EA6);  // three units each once decomposed
   Units decomposed(255), recomposed(86);
-  size_t n = 0, m = 0;
+  size_t m = 0;
   morv_seam_reset_stats();
   ASSERT_EQ(morv_unicode_decompose_string(composed.data(), 85, decomposed.data(), 255, &n), 0);
   const BeName be(decomposed);
