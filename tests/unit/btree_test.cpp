@@ -9,11 +9,8 @@ using testing::HasSubstr;
 
 namespace {
 
-struct ModelRun {
-  uint16_t node_size;
-  std::string shape;  // builder options beyond the node size
-  int steps;
-};
+// `shape`: the builder options beyond the node size.
+struct ModelRun { uint16_t node_size; std::string shape; int steps; };
 
 // Random insertions and deletions against an ordered model. Deletions that
 // would empty a node are skipped: an emptied node stays in the tree, which
@@ -146,9 +143,8 @@ TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
   EXPECT_EQ(tree_contents(tree), model);
   // Three locators left open, one of them twice: freed and reported at destroy.
   EXPECT_EQ(find(tree, held[1].first), held[1].second);
-  for (size_t i = 0; i < held.size(); ++i) {
-    if (i < 1 || i > 3) morv_btree_record_locator_close(&held[i].second);
-  }
+  morv_btree_record_locator_close(&held[0].second);
+  for (size_t i = 4; i < held.size(); ++i) morv_btree_record_locator_close(&held[i].second);
   ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
   EXPECT_THAT(stderr_of([&] { image.close_all(); }),
               HasSubstr("Cleaned up 3 leaked B-tree record locators on destroy.\n"));
@@ -156,11 +152,7 @@ TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
 }
 
 TEST(BtreeDamage, DamagedCatalogTreesEndWithCorrupt) {
-  const struct {
-    const char* corruption;
-    const char* message;
-    bool at_open;
-  } cases[] = {
+  const struct { const char *corruption, *message; bool at_open; } cases[] = {
       {"index-self", "Index node points back to itself. Inconsistent B-tree.\n", false},
       {"index-beyond", "Index node points to node after the last node. Inconsistent B-tree.\n",
        false},
@@ -257,8 +249,7 @@ void fail_each(unsigned kind, morv_err expected, Op op) {
     const bool delivered = morv_seam_failure_delivered();
     morv_seam_fail_at(kind, 0);
     image.close_all();
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(log, testing::Not(HasSubstr("leaked")));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(HasSubstr("leaked")));
     if (!delivered) {
       ASSERT_EQ(err, MORV_OK);
       ASSERT_GT(n, 1u);
