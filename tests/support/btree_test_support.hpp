@@ -3,8 +3,10 @@
 // and records, a walk of a tree's leaf records, the structure-only checker.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -144,6 +146,84 @@ inline std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> walk(
     l = next;
   }
   return out;
+}
+
+// Lookups and insertions of extents records by model key.
+inline morv_err insert(morv_extents* ext, const ExtKey& k, const Record& r) {
+  return morv_extents_insert(ext, std::get<1>(k), std::get<0>(k), std::get<2>(k), r.data());
+}
+// 1 and the record when the key is in the tree, 0 when not, -1 on error.
+inline int lookup(morv_extents* ext, const ExtKey& k, Record* out = nullptr) {
+  int found = -1;
+  Record r{};
+  const morv_err err = morv_extents_get_next_extent_record(ext, std::get<1>(k), std::get<0>(k),
+                                                           std::get<2>(k), &found, r.data());
+  EXPECT_EQ(err, MORV_OK);
+  if (out) *out = r;
+  return err ? -1 : found;
+}
+
+// The tree's leaf records as extents keys and records, checking their order.
+inline std::map<ExtKey, Record> tree_contents(morv_btree* tree) {
+  std::map<ExtKey, Record> out;
+  for (const auto& [key, data] : walk(tree, ext_key({0, 0, 0}).data())) {
+    EXPECT_EQ(key.size(), 12u);
+    EXPECT_EQ(data.size(), 64u);
+    const ExtKey k = ext_tuple(key.data());
+    EXPECT_TRUE(out.empty() || out.rbegin()->first < k) << "iteration out of key order";
+    std::copy_n(data.begin(), std::min<size_t>(64, data.size()), out[k].begin());
+  }
+  return out;
+}
+
+// The locator of an extents record that must be in the tree.
+inline morv_btree_record_locator* find(morv_btree* tree, const ExtKey& k) {
+  morv_btree_search_result r;
+  morv_btree_search_result_init(&r);
+  EXPECT_EQ(morv_btree_search_node(tree, ext_key(k).data(), &r), MORV_OK);
+  EXPECT_TRUE(r.exact_match);
+  return r.exact_match ? r.locator : (morv_btree_search_result_release(&r), nullptr);
+}
+
+// Searches `key` and deletes the record found there (error if none).
+inline morv_err delete_key(morv_btree* tree, const uint8_t* key) {
+  morv_btree_search_result r;
+  morv_btree_search_result_init(&r);
+  morv_err err = morv_btree_search_node(tree, key, &r);
+  if (!err) err = r.exact_match ? morv_btree_delete_record(tree, r.locator) : MORV_ERR_GENERIC;
+  morv_btree_search_result_release(&r);
+  return err;
+}
+
+inline std::vector<uint8_t> read_fork(morv_btree* tree, uint64_t offset, size_t size) {
+  std::vector<uint8_t> out(size);
+  EXPECT_EQ(morv_fork_read(tree->fork, offset, out.data(), size, nullptr), MORV_OK);
+  return out;
+}
+
+// The record that a locator's node and index name now, read from the fork.
+inline ExtKey key_at(morv_btree* tree, const morv_btree_record_locator* l) {
+  const auto node = read_fork(tree, uint64_t{*l->node_number} * tree->node_size, tree->node_size);
+  return ext_tuple(&node[load_be16(&node[node.size() - 2 * (*l->record_index + 1u)])]);
+}
+
+// Catalog-tree keys ordered by parentID, then their remaining bytes compared
+// bytewise, shorter first: any length, odd keyLengths included.
+constexpr uint32_t kTestParent = 0x7FFFFF00;  // above every real parentID
+inline int test_compare(const uint8_t* a, const uint8_t* b, uint32_t) {
+  const uint32_t pa = load_be32(a + 2), pb = load_be32(b + 2);
+  if (pa != pb) return pa < pb ? -1 : 1;
+  const size_t la = load_be16(a) - 4u, lb = load_be16(b) - 4u;
+  const int c = memcmp(a + 6, b + 6, std::min(la, lb));
+  return c ? c : (la < lb ? -1 : la > lb);
+}
+
+// What `f` logs on stderr.
+template <typename F>
+std::string stderr_of(F&& f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
 }
 
 // A scale factor for the long-running tests (MORV_TEST_SCALE, percent).

@@ -3,59 +3,45 @@
 #include "btree_test_support.hpp"
 
 using namespace btree_test;
-
-namespace {
-int no_compare(const uint8_t*, const uint8_t*, uint32_t) { return 0; }
-}  // namespace
+using testing::HasSubstr;
 
 TEST(ExtentsKeys, OrderByFileThenForkTypeThenStartBlock) {
-  const Key a = ext_key({20, 0x00, 100});
-  const Key b = ext_key({20, 0x00, 101});
-  const Key rsrc = ext_key({20, 0xFF, 0});
-  const Key next_file = ext_key({21, 0x00, 0});
-  EXPECT_LT(morv_extents_compare_keys(a.data(), b.data(), 0), 0);
-  EXPECT_GT(morv_extents_compare_keys(b.data(), a.data(), 0), 0);
-  EXPECT_EQ(morv_extents_compare_keys(a.data(), a.data(), 0), 0);
-  EXPECT_LT(morv_extents_compare_keys(b.data(), rsrc.data(), 0), 0);
-  EXPECT_LT(morv_extents_compare_keys(rsrc.data(), next_file.data(), 0), 0);
-  Key bad = a;
+  const Key keys[] = {ext_key({20, 0x00, 100}), ext_key({20, 0x00, 101}), ext_key({20, 0xFF, 0}),
+                      ext_key({21, 0x00, 0})};
+  for (size_t i = 0; i < 4; ++i) {
+    for (size_t j = 0; j < 4; ++j) {
+      const int c = morv_extents_compare_keys(keys[i].data(), keys[j].data(), 0);
+      EXPECT_TRUE((c <=> 0) == (i <=> j)) << i << " against " << j << ": " << c;
+    }
+  }
+  Key bad = keys[0];
   store_be16(bad.data(), 12);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(morv_extents_compare_keys(bad.data(), a.data(), 0), -1);
-  EXPECT_EQ(morv_extents_compare_keys(a.data(), bad.data(), 0), -1);
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("in a. Expected: 12 Actual: 12\n"), std::string::npos);
-  EXPECT_NE(log.find("in b. Expected: 12 Actual: 12\n"), std::string::npos);
+  const std::string log = stderr_of([&] {
+    EXPECT_EQ(morv_extents_compare_keys(bad.data(), keys[0].data(), 0), -1);
+    EXPECT_EQ(morv_extents_compare_keys(keys[0].data(), bad.data(), 0), -1);
+  });
+  EXPECT_THAT(log, HasSubstr("in a. Expected: 12 Actual: 12\n"));
+  EXPECT_THAT(log, HasSubstr("in b. Expected: 12 Actual: 12\n"));
 }
 
 TEST(ExtentsTree, EmptyTreeLookupThenInsertMakesARootLeaf) {
   Image image("--size 8388608 --label E --free-extents-nodes 8");
   ASSERT_EQ(image.open_extents(), MORV_OK);
-  int found = -1;
-  Record r{};
-  ASSERT_EQ(morv_extents_get_next_extent_record(image.extents(), 0, 30, 0, &found, r.data()),
-            MORV_OK);
-  EXPECT_EQ(found, 0);
+  EXPECT_EQ(lookup(image.extents(), {30, 0, 0}), 0);
   const Header before = read_header(image.tree());
   ASSERT_EQ(before.root, 0u);
   const Record rec = ext_record({30, 0, 8}, 1);
-  ASSERT_EQ(morv_extents_insert(image.extents(), 0, 30, 8, rec.data()), MORV_OK);
+  ASSERT_EQ(insert(image.extents(), {30, 0, 8}, rec), MORV_OK);
   const Header after = read_header(image.tree());
-  EXPECT_EQ(after.depth, 1);
-  EXPECT_NE(after.root, 0u);
-  EXPECT_EQ(after.first_leaf, after.root);
-  EXPECT_EQ(after.last_leaf, after.root);
+  EXPECT_TRUE(after.depth == 1 && after.root != 0 && after.first_leaf == after.root &&
+              after.last_leaf == after.root);
   EXPECT_EQ(after.leaf_records, 1u);
   EXPECT_EQ(after.free_nodes, before.free_nodes - 1);
-  ASSERT_EQ(morv_extents_get_next_extent_record(image.extents(), 0, 30, 8, &found, r.data()),
-            MORV_OK);
-  EXPECT_EQ(found, 1);
+  Record r{};
+  EXPECT_EQ(lookup(image.extents(), {30, 0, 8}, &r), 1);
   EXPECT_EQ(r, rec);
-  // a block inside the record's range is not the start of a record
-  ASSERT_EQ(morv_extents_get_next_extent_record(image.extents(), 0, 30, 9, &found, r.data()),
-            MORV_OK);
-  EXPECT_EQ(found, 0);
-  EXPECT_EQ(morv_extents_insert(image.extents(), 0, 30, 8, rec.data()), MORV_ERR_EXISTS);
+  EXPECT_EQ(lookup(image.extents(), {30, 0, 9}), 0);  // inside its range, not its start
+  EXPECT_EQ(insert(image.extents(), {30, 0, 8}, rec), MORV_ERR_EXISTS);
   ASSERT_EQ(morv_fork_flush(image.tree()->fork), MORV_OK);
   EXPECT_EQ(check_structure(image.path()), "");
 }
@@ -65,38 +51,36 @@ TEST(ExtentsTree, FragmentedCatalogResolvesThroughTheTree) {
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* catalog = nullptr;
   ASSERT_EQ(morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
-                              kBtreeKindCatalog, no_compare, &catalog),
+                              kBtreeKindCatalog, test_compare, &catalog),
             MORV_OK);
-  EXPECT_EQ(catalog->fork->priv->extents_count, 20u);  // 8 in the fork data, 12 from two records
+  const morv_fork_private* priv = catalog->fork->priv;
+  EXPECT_EQ(priv->extents_count, 20u);  // 8 in the fork data, 12 from two records
   uint64_t blocks = 0;
-  for (size_t i = 0; i < catalog->fork->priv->extents_count; ++i) {
-    blocks += load_be32(catalog->fork->priv->extents + 8 * i + 4);
-  }
+  for (size_t i = 0; i < priv->extents_count; ++i) blocks += load_be32(priv->extents + 8 * i + 4);
   EXPECT_EQ(blocks, load_be32(image.volume_header() + vh::kCatalogFile + forkdata::kTotalBlocks));
   morv_btree_destroy(&catalog);
-  EXPECT_EQ(catalog, nullptr);
   // The same fork without its overflow records cannot be opened whole.
-  testing::internal::CaptureStderr();
-  EXPECT_NE(morv_btree_create(image.device(), nullptr, 0, image.volume_header(), kBtreeKindCatalog,
-                              no_compare, &catalog),
-            MORV_OK);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Error while reading catalog B-Tree into "
-                                                        "memory.\n"),
-            std::string::npos);
+  EXPECT_THAT(stderr_of([&] {
+                EXPECT_NE(morv_btree_create(image.device(), nullptr, 0, image.volume_header(),
+                                            kBtreeKindCatalog, test_compare, &catalog),
+                          MORV_OK);
+              }),
+              HasSubstr("Error while reading catalog B-Tree into memory.\n"));
+  EXPECT_EQ(catalog, nullptr);
 }
 
 TEST(ExtentsTree, WrongTreeTypeOrKindIsRefused) {
   Image image("--size 8388608 --label X --corrupt extents-btree-type");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(image.open_extents(), MORV_ERR_CORRUPT);
   morv_btree* tree = nullptr;
-  EXPECT_EQ(morv_btree_create(image.device(), nullptr, 1, image.volume_header(), 5, no_compare,
-                              &tree),
-            MORV_ERR_INVALID_ARGUMENT);
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("Tree type, according to header node, is 128 - and not kHFSBTreeType (0)\n"),
-            std::string::npos);
-  EXPECT_NE(log.find("Error while reading Extents B-Tree into memory.\n"), std::string::npos);
-  EXPECT_NE(log.find("Error while reading unknown B-Tree into memory.\n"), std::string::npos);
+  const std::string log = stderr_of([&] {
+    EXPECT_EQ(image.open_extents(), MORV_ERR_CORRUPT);
+    EXPECT_EQ(morv_btree_create(image.device(), nullptr, 1, image.volume_header(), 5,
+                                test_compare, &tree),
+              MORV_ERR_INVALID_ARGUMENT);
+  });
+  EXPECT_THAT(log, HasSubstr("Tree type, according to header node, is 128 - and not "
+                             "kHFSBTreeType (0)\n"));
+  EXPECT_THAT(log, HasSubstr("Error while reading Extents B-Tree into memory.\n"));
+  EXPECT_THAT(log, HasSubstr("Error while reading unknown B-Tree into memory.\n"));
   EXPECT_EQ(tree, nullptr);
 }
