@@ -14,4 +14,4 @@ set -x
 "$tool" "$image" "Café Ünïcode"
 "$tool" "$image"
 "$tool" --output-mode=raw "$image" | od -An -c
-blkid -p -s LABEL -s TYPE "$image"
+blkid -p -o value -s LABEL "$image"   # read back independently (stored decomposed)
