@@ -96,16 +96,7 @@ class Image {
 
 // The volume checker limited to B-tree structure and key order.
 inline std::string check_structure(const std::string& path) {
-  const std::string command = std::string(MORV_PYTHON) + " " MORV_SOURCE_DIR
-                              "/tests/support/checkimage.py --structure-only " + path + " 2>&1";
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return "cannot run the volume checker";
-  char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
-  const int status = pclose(pipe);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? "" : output + "(checker failed)";
+  return morv_test::check_image(path, "--structure-only");
 }
 
 // Header record fields, through the fork.

@@ -59,9 +59,9 @@ void build_image(const std::string& args, const TempFile& out) {
     throw std::runtime_error("copying image failed");
 }
 
-std::string check_image(const std::string& path) {
+std::string check_image(const std::string& path, const std::string& options) {
   const std::string command = std::string(MORV_PYTHON) + " " MORV_SOURCE_DIR
-                              "/tests/support/checkimage.py " + path + " 2>&1";
+                              "/tests/support/checkimage.py " + options + " " + path + " 2>&1";
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return "cannot run the volume checker";

@@ -29,7 +29,7 @@ class TempFile {
 void build_image(const std::string& args, const TempFile& out);
 
 // Runs the volume checker; returns its output, empty when the image is clean.
-std::string check_image(const std::string& path);
+std::string check_image(const std::string& path, const std::string& options = "");
 
 // Runs a shell command and returns its exit status.
 int run(const std::string& command);
