@@ -22,6 +22,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import kernelreader  # noqa: E402
+from test_checkimage import Image  # noqa: E402
 
 MiB = 1024 * 1024
 # name: (HFSX, block size, catalog node size, files, folders, nesting,
@@ -41,6 +42,7 @@ CHANGED = ("plus-4k", "x-512-blocks")
 SMALL = b"written by Linux\n"
 ACCENTED = "caf\u00e9.txt"
 BIG = bytes(range(256)) * 41 + b"tail"
+LONG_TARGET = "/".join(["deep"] * 120)     # more than one 512-byte block
 
 
 def sha(data):
@@ -74,6 +76,19 @@ def built(info):
     return want, {e["path"]: e["cnid"] for e in info["entries"]} | {"/": 2}
 
 
+def checker(path):
+    return subprocess.run([sys.executable, os.path.join(HERE, "checkimage.py"), path],
+                          capture_output=True, text=True)
+
+
+def inode_record(img):
+    """Offset of the record of the one indirect node file ("iNode<N>")."""
+    found = [rec for key, rec in img.leaf_records()
+             if img.data[key + 8:key + 18].decode("utf-16-be", "replace") == "iNode"]
+    assert len(found) == 1, found
+    return found[0]
+
+
 def seen(op):
     return {p: [e["type"], e["size"], e.get("sha256")] for p, e in op["entries"].items()}
 
@@ -97,7 +112,10 @@ def change_plan(info):
              ("write", "/made by linux/" + ACCENTED, b"accent"),
              ("write", "/big", BIG),
              ("symlink", "made by linux/small.txt", "/link to small"),
+             ("symlink", LONG_TARGET, "/long link"),
              ("link", "/made by linux/small.txt", "/hard link"),
+             ("link", "/hard link", "/made by linux/third name"),
+             ("remove", "/made by linux/third name"),
              ("remove", fragmented), ("remove", plain), ("rmdir", busy)]
     steps += [("remove", p) for p in inside] + [("rmdir", leaf)]
     made = {"/made by linux": ["dir", 4, None],
@@ -105,6 +123,7 @@ def change_plan(info):
             "/made by linux/" + ACCENTED: ["file", 6, sha(b"accent")],
             "/big": ["file", len(BIG), sha(BIG)],
             "/link to small": ["symlink", len("made by linux/small.txt"), None],
+            "/long link": ["symlink", len(LONG_TARGET), None],
             "/hard link": ["file", len(SMALL), sha(SMALL)]}
     return steps, {fragmented, plain, leaf} | set(inside), made, ("rmdir", busy)
 
@@ -195,16 +214,25 @@ class KernelReader(unittest.TestCase):
                                  {p: cnids[p] for p in want if p in cnids})
                 fresh = [e[p]["inode"] for p in made]
                 self.assertTrue(all(i >= self.info[shape]["next_catalog_id"] for i in fresh), fresh)
-                self.assertEqual(e["/link to small"]["target"], "made by linux/small.txt")
+                self.assertEqual((e["/link to small"]["target"], e["/long link"]["target"]),
+                                 ("made by linux/small.txt", LONG_TARGET))
                 small, hard = e["/made by linux/small.txt"], e["/hard link"]
                 self.assertEqual((hard["inode"], hard["links"], small["links"]), (small["inode"], 2, 2))
                 fs = listing["statfs"]
                 self.assertEqual(fs["free"] * fs["block_size"], header_free_blocks(path) * SHAPES[shape][1])
 
-                check = subprocess.run([sys.executable, os.path.join(HERE, "checkimage.py"), path],
-                                       capture_output=True, text=True)
+                check = checker(path)
                 self.assertEqual(check.returncode, 0, "the checker on the kernel's volume:\n"
                                  + check.stdout + check.stderr)
+                # The checker counts the kernel's links: one more in the
+                # indirect node's link count is a fault.
+                img = Image(path)
+                img.path = path + ".miscounted"
+                img.add32(inode_record(img) + 44, 1)
+                img.save()
+                self.assertRegex(checker(img.path).stdout,
+                                 r"^catalog file \d+ \(\d+, 'iNode\d+'\): link count 3, "
+                                 r"but 2 hard links name it\n$")
 
 
 def main():
