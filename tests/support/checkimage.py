@@ -80,7 +80,7 @@ S_IFMT, S_IFLNK = 0o170000, 0o120000
 # Hard links point at indirect node files "iNode<iNodeNum>" in this folder
 # of the root.
 PRIVATE_FOLDER = (0, 0, 0, 0) + tuple(ord(c) for c in "HFS+ Private Data")
-INODE_PREFIX = "iNode"
+INODE_NAME = re.compile(r"iNode([0-9]+)")
 
 # Special-file fork data in the volume header: (CNID, name, offset).
 SPECIAL_FORKS = (
@@ -774,14 +774,14 @@ class Volume:
         private = [c for c, f in folders.items() if f[0] == CNID_ROOT and f[1] == PRIVATE_FOLDER]
         inodes = {}       # iNodeNum -> [link count, links seen, where]
         for cnid, (parent, name, _node, data) in files.items():
-            text = name_text(name)
-            if private and parent == private[0] and text.startswith(INODE_PREFIX) \
-                    and text[len(INODE_PREFIX):].isdigit():
-                inodes[int(text[len(INODE_PREFIX):])] = [be32(data, FILE_SPECIAL_AT), 0,
-                                                        "catalog file %d (%d, %r)" % (cnid, parent, text)]
+            number = INODE_NAME.fullmatch(name_text(name))
+            if private and parent == private[0] and number:
+                where = "catalog file %d (%d, %r)" % (cnid, parent, name_text(name))
+                inodes[int(number.group(1))] = [be32(data, FILE_SPECIAL_AT), 0, where]
         for cnid, (parent, name, _node, data) in files.items():
             where = "catalog file %d (%d, %r)" % (cnid, parent, name_text(name))
-            kind = (bytes(data[FILE_TYPE_AT:FILE_TYPE_AT + 4]), bytes(data[FILE_CREATOR_AT:FILE_CREATOR_AT + 4]))
+            kind = (bytes(data[FILE_TYPE_AT:FILE_TYPE_AT + 4]),
+                    bytes(data[FILE_CREATOR_AT:FILE_CREATOR_AT + 4]))
             mode = be16(data, FILE_MODE_AT)
             if mode and ((mode & S_IFMT) == S_IFLNK) != (kind == SYMLINK):
                 r.add(where, "fileMode 0%o disagrees with fdType %r fdCreator %r"
@@ -794,8 +794,8 @@ class Volume:
                 if number in inodes:
                     inodes[number][1] += 1
                 else:
-                    r.add(where, "hard link names %s%d, which is not in %s"
-                          % (INODE_PREFIX, number, "the private metadata folder" if private
+                    r.add(where, "hard link names iNode%d, which is not in %s"
+                          % (number, "the private metadata folder" if private
                              else "a private metadata folder: the root has none"))
             elif kind == SYMLINK:
                 self.check_symlink_target(where, data)
