@@ -19,13 +19,29 @@ As a library:
     result["ops"][seen]["entries"]["/new/f"]["sha256"]
 
 Every operation mounts its image (read-only for list, read-write for change),
-does its work, unmounts and collects the kernel's log lines of that time.  A
-list reports, per path from the volume's root ("/" is the root): type, mode,
-links, size, inode (the CNID under hfsplus), the symlink target (readlink) and
-the SHA-256 of a regular file's contents (or the read error), and the raw
-`ls -lanR` and `stat -f` lines.  A change reports each step's exit status and
-error output, whether the kernel fell back to a read-only mount, and whether
-the unmount succeeded.  Disks that only lists use are attached read-only.
+does its work, unmounts and collects the kernel's log lines of that time
+("log"; a refused mount also has "mount_error").  A list reports "entries",
+per path from the volume's root ("/" is the root): type, mode, perm, links,
+size, inode (the CNID under hfsplus), the symlink's "target" (readlink) and a
+regular file's "sha256"; "statfs" (blocks, free, block_size); "ls" (the
+lines of `ls -lanR`); "warnings" (errors of those commands, e.g. read
+errors).  A change reports each step's exit status and error output,
+"read_only" when the kernel refused to mount it writable, and whether the
+unmount succeeded.  Disks that only lists use are attached read-only.
+The run reports "finished" (the script ran to its end), "timed_out",
+"setup_errors", the kernel's "console", and the times: "wall_seconds" on
+the host, "init_seconds" and "boot_seconds" (guest clock when init started
+and when the disks were ready) and each operation's "seconds".
+
+What the driver does that a test must expect: a directory's size is 2 plus
+its valence; every read-write mount adds the private metadata folder
+"\0\0\0\0HFS+ Private Data" to the root (hidden from listings); `ln` moves the
+file into that folder as "iNode<random number>" and leaves link records
+("hlnk" "hfs+") whose iNodeNum is that number, not the file's CNID; a volume
+not marked cleanly unmounted is mounted read-only; it fails (ENOSPC) to
+split some full 512-byte catalog nodes whose last record is the only one
+past the middle, so a read-write mount of a full 512-byte-node catalog can
+fail (Apple's format asks for 4 KiB catalog nodes).
 
 As a command (JSON on stdout; exit status 77 when the kernel cannot be
 provisioned, 1 when the run failed):
@@ -47,7 +63,6 @@ $MORV_KERNEL_CACHE or build/kernel/ of the source tree.  Booting uses TCG
 Names inside the volume must not contain newlines: results travel as lines.
 """
 
-import hashlib
 import json
 import os
 import re
@@ -74,10 +89,6 @@ STEP_ARITY = {"mkdir": 1, "write": 2, "symlink": 2, "link": 2, "remove": 1, "rmd
 
 class KernelUnavailable(Exception):
     """The emulator, busybox or the kernel cannot be had on this machine."""
-
-
-class ReaderError(Exception):
-    """A run that did not produce a complete report."""
 
 
 # ---------------------------------------------------------------- provisioning
