@@ -186,9 +186,15 @@ inline morv_err delete_key(morv_btree* tree, const uint8_t* key) {
   return err;
 }
 
+// Read node by node: a read takes a cache reference per sector and gives
+// back one per cache item.
 inline std::vector<uint8_t> read_fork(morv_btree* tree, uint64_t offset, size_t size) {
   std::vector<uint8_t> out(size);
-  EXPECT_EQ(morv_fork_read(tree->fork, offset, out.data(), size, nullptr), MORV_OK);
+  for (size_t done = 0; done < size;) {
+    const size_t n = std::min<size_t>(size - done, tree->node_size - (offset + done) % tree->node_size);
+    EXPECT_EQ(morv_fork_read(tree->fork, offset + done, out.data() + done, n, nullptr), MORV_OK);
+    done += n;
+  }
   return out;
 }
 
