@@ -176,6 +176,17 @@ class Changing(ImageCase):
         info = build(image, "Big volume", "--size", 256 << 20, "--files", 50000, "--folders", 200)
         self.change_and_verify(image, info, 4096, 4096, "Fifty thousand \u2603")
 
+    def test_an_absurdly_deep_catalog(self):
+        # 60 index nodes of one record each above the root: every level's
+        # first key changes with the label, once.
+        image = self.path()
+        info = build(image, "Deep", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
+                     "--files", 300, "--catalog-index-chain", 60)
+        self.assertEqual(info["catalog"]["depth"], 64)
+        start = time.monotonic()
+        self.change_and_verify(image, info, 512, 512, "Deeper")
+        self.assertLess(time.monotonic() - start, 60)
+
     def test_labels_too_long_after_decomposition_are_refused(self):
         image = self.path()
         build(image, "Keep", "--size", 4 << 20)
