@@ -79,6 +79,12 @@ morv_err morvlabel_print_label(morv_volume* volume) {
 }
 
 morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
+  // A folder cannot be named so; a Mac would not show such a volume's name.
+  if (strcmp(new_label, "") == 0 || strcmp(new_label, ".") == 0 || strcmp(new_label, "..") == 0) {
+    fprintf(stderr, "Invalid volume label \"%s\": a volume cannot be named \"\", \".\" or \"..\".\n",
+            new_label);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   const size_t label_bytes = strlen(new_label);
   uint16_t* converted = nullptr;
   size_t m = 0;

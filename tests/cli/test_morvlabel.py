@@ -176,6 +176,26 @@ class Changing(ImageCase):
         info = build(image, "Big volume", "--size", 256 << 20, "--files", 50000, "--folders", 200)
         self.change_and_verify(image, info, 4096, 4096, "Fifty thousand \u2603")
 
+    def test_labels_that_name_nothing_or_are_not_utf8_are_refused(self):
+        image = self.path()
+        build(image, "Keep", "--size", 4 << 20)
+        before = digest(image)
+        for label in (b"", b".", b".."):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, b'Invalid volume label "%s": a volume cannot be named '
+                                 b'"", "." or "..".\n' % label)
+        # A four-byte form above U+10FFFF, wherever it stands, and other invalid UTF-8.
+        for label in (b"New\xf4\x90\x80\x80", b"\xf4\x90\x80\x80New", b"\xff", b"a\xc3", b"\xed\xa0\x80"):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertTrue(result.stderr.endswith(
+                    b"Error when converting volume label from UTF-8 to UTF-16.\n"), result.stderr)
+        self.assertEqual(digest(image), before)
+        self.assert_prints(image, "Keep")
+
     def test_labels_too_long_after_decomposition_are_refused(self):
         image = self.path()
         build(image, "Keep", "--size", 4 << 20)
