@@ -131,3 +131,12 @@ morv_err morv_device_write_disk_sectors(morv_device* device, uint64_t first_sect
   }
   return MORV_OK;
 }
+
+morv_err morv_device_sync(morv_device* device) {
+  if (morv_seam_fsync(device->priv->fd) != 0) {
+    const int saved = errno;
+    MORV_ERROR("Error while syncing device: %s (%d)\n", strerror(saved), saved);
+    return MORV_ERR_IO;
+  }
+  return MORV_OK;
+}

@@ -29,3 +29,5 @@ void morv_device_destroy(morv_device** device);
                                                      uint32_t sector_count, void** buffer);
 [[nodiscard]] morv_err morv_device_write_disk_sectors(morv_device* device, uint64_t first_sector,
                                                       uint32_t sector_count, const void* buffer);
+// Waits until every write made through the device has reached stable storage.
+[[nodiscard]] morv_err morv_device_sync(morv_device* device);

@@ -117,7 +117,9 @@ morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
     fprintf(stderr, "Error while changing volume label.\n");
     return err;
   }
-  if ((err = morv_fork_flush(volume->catalog->priv->tree->fork))) {
+  // Success is reported only once the change is on stable storage.
+  if ((err = morv_fork_flush(volume->catalog->priv->tree->fork)) ||
+      (err = morv_device_sync(volume->device))) {
     fprintf(stderr, "Error while flushing changes to catalog file.\n");
     return err;
   }
