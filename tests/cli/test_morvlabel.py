@@ -277,6 +277,40 @@ class Safety(ImageCase):
                 self.assertIn(b"Error while syncing device", last_stderr)
                 self.assertEqual(last_image, contents(image))
 
+    def test_damaged_volumes_end_in_messages(self):
+        # (corruption, what the library says about it, whether printing still works)
+        cases = [
+            ("root-name-length", b"name of 255 units runs past its keyLength of 20 bytes", False),
+            ("root-thread-name-length", b"is too short for its name of 255 units", False),
+            ("root-thread-no-data", b"Catalog record of 0 bytes is too short to hold a record type", False),
+            ("root-folder-no-data", b"Catalog record of 0 bytes is too short to hold a record type", True),
+            ("catalog-logical-size", b"is 4398046511104 bytes long, beyond its", False),
+            ("extents-wrap", b"Extents reach beyond the fork's", False),
+            ("extents-short-record", b"has 32 bytes; an extent record has 64", False),
+            ("block-size", b"size 768 is not a power of two from 512 to 1048576", False),
+            ("volume-beyond-device", b"Volume of 32768 allocation blocks of 512 bytes does not fit on its device of 8388608 bytes", False),
+        ]
+        for kind, message, prints in cases:
+            with self.subTest(kind=kind):
+                image = self.path()
+                build(image, "Damaged", "--size", 8 << 20, "--block-size", 512,
+                      "--catalog-node-size", 512, "--files", 50, "--catalog-fragments", 10,
+                      "--corrupt", kind)
+                before = digest(image)
+                printed = tool(image)
+                if prints:
+                    self.assertEqual((printed.returncode, printed.stdout), (0, b"Damaged\n"))
+                else:
+                    self.assertEqual(printed.returncode, 1)
+                    self.assertIn(message, printed.stderr)
+                    self.assertTrue(printed.stderr.endswith(b"Error while opening volume in read mode.\n"))
+                changed = tool(image, "New")
+                self.assertEqual(changed.returncode, 1)
+                self.assertIn(message, changed.stderr)
+                self.assertTrue(changed.stderr.endswith(b"Error while changing volume label.\n" if prints else
+                                                        b"Error while opening volume in read/write mode.\n"))
+                self.assertEqual(digest(image), before)
+
     def test_no_free_catalog_node_for_a_split(self):
         image = self.path()
         build(image, "Full", "--size", 16 << 20, "--catalog-node-size", 4096, "--files", 2000,
