@@ -70,13 +70,20 @@ void drop_lock(morv_rwlock** lock) {
 
 // Scans one 8-descriptor record, adding its block counts to *blocks_seen.
 // *scanned is the number of non-empty descriptors before the first empty one.
+// The count is 64-bit and may never pass totalBlocks: eight counts that wrap
+// a 32-bit sum would lead back to the same overflow record for ever.
 [[nodiscard]] morv_err scan_extent_record(const uint8_t* record, uint32_t total_blocks,
-                                          uint32_t* blocks_seen, size_t* scanned) {
+                                          uint64_t* blocks_seen, size_t* scanned) {
   size_t i = 0;
   for (; i < forkdata::kExtentsPerRecord; ++i) {
     const uint8_t* e = record + i * forkdata::kExtentSize;
     if (extent_blocks(e) != 0) {
       *blocks_seen += extent_blocks(e);
+      if (*blocks_seen > total_blocks) {
+        MORV_ERROR("Extents reach beyond the fork's %lu blocks (at least %llu).\n",
+                   morv_ul(total_blocks), morv_ull(*blocks_seen));
+        return MORV_ERR_CORRUPT;
+      }
       continue;
     }
     if (extent_start(e) != 0) {
@@ -117,7 +124,7 @@ morv_err morv_fork_resolve_extents(morv_extents* extents, int partial, uint32_t 
   const uint32_t total_blocks = load_be32(fork_data + forkdata::kTotalBlocks);
   uint8_t record[forkdata::kExtentRecordSize];
   memcpy(record, fork_data + forkdata::kExtents, sizeof record);
-  uint32_t blocks_seen = 0;
+  uint64_t blocks_seen = 0;
   morv::buffer<uint8_t> list;
   size_t count = 0;
   for (;;) {
@@ -131,17 +138,19 @@ morv_err morv_fork_resolve_extents(morv_extents* extents, int partial, uint32_t 
       return MORV_ERR_INTERNAL;
     }
     // Always the data fork's key: the special files have no resource fork.
+    // blocks_seen is below totalBlocks here, so it fits the key's 32 bits.
     int found = 0;
     if (morv_err err = morv_extents_get_next_extent_record(extents, kDataForkType, cnid,
-                                                           blocks_seen, &found, record)) {
+                                                           static_cast<uint32_t>(blocks_seen),
+                                                           &found, record)) {
       MORV_ERROR("Error while searching for overflow extents record for CNID %lu starting with "
                  "block %lu.\n",
-                 morv_ul(cnid), morv_ul(blocks_seen));
+                 morv_ul(cnid), morv_ul(static_cast<uint32_t>(blocks_seen)));
       return err;
     }
     if (!found) {
       MORV_ERROR("No overflow extent found for CNID %lu starting with block %lu.\n", morv_ul(cnid),
-                 morv_ul(blocks_seen));
+                 morv_ul(static_cast<uint32_t>(blocks_seen)));
       return MORV_ERR_CORRUPT;
     }
   }
@@ -226,9 +235,36 @@ morv_err morv_fork_private_create(morv_device* device, morv_extents* extents, in
   return MORV_OK;
 }
 
+namespace {
+
+// A fork's logicalSize lies within its blocks, and its blocks within the
+// volume's: nothing is sized from a fork before this holds.
+[[nodiscard]] morv_err check_fork_size(const uint8_t* volume_header, uint32_t cnid,
+                                       const uint8_t* fork_data) {
+  const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
+  const uint32_t volume_blocks = load_be32(volume_header + vh::kTotalBlocks);
+  const uint64_t logical_size = load_be64(fork_data + forkdata::kLogicalSize);
+  const uint32_t total_blocks = load_be32(fork_data + forkdata::kTotalBlocks);
+  if (total_blocks > volume_blocks) {
+    MORV_ERROR("Fork of CNID %lu has %lu allocation blocks, more than the volume's %lu.\n",
+               morv_ul(cnid), morv_ul(total_blocks), morv_ul(volume_blocks));
+    return MORV_ERR_CORRUPT;
+  }
+  if (logical_size > uint64_t{total_blocks} * block_size) {
+    MORV_ERROR("Fork of CNID %lu is %llu bytes long, beyond its %lu allocation blocks of %lu "
+               "bytes.\n",
+               morv_ul(cnid), morv_ull(logical_size), morv_ul(total_blocks), morv_ul(block_size));
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
 morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partial,
                           const uint8_t* volume_header, uint32_t cnid, uint8_t* fork_data,
                           uint32_t min_sector_size, morv_fork** out_fork) {
+  if (morv_err err = check_fork_size(volume_header, cnid, fork_data)) return err;
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t sector_size =
       device->sector_size > min_sector_size ? device->sector_size : min_sector_size;

@@ -175,6 +175,15 @@ ssize_t morv_seam_pwrite(int fd, const void* buffer, size_t length, uint64_t off
   return n;
 }
 
+int morv_seam_fsync(int fd) {
+  if (seam_should_fail(MORV_SEAM_WRITE)) {
+    errno = EIO;
+    return -1;
+  }
+  ++g_seam.stats.writes;
+  return fsync(fd);
+}
+
 void morv_seam_fail_at(unsigned ops, uint64_t n) {
   g_seam.fail_ops = ops;
   g_seam.fail_countdown = n;

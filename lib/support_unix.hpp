@@ -37,6 +37,9 @@ void morv_free(void* p);
 // case -1 is returned with errno set to EIO.
 ssize_t morv_seam_pread(int fd, void* buffer, size_t length, uint64_t offset);
 ssize_t morv_seam_pwrite(int fd, const void* buffer, size_t length, uint64_t offset);
+// fsync, counted as a device write: the write that makes the others durable.
+// Returns -1 with errno EIO when the seam fails it.
+int morv_seam_fsync(int fd);
 
 // Test interface.
 enum morv_seam_op : unsigned {

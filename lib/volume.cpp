@@ -17,6 +17,10 @@
 
 namespace {
 constexpr const char* kLogSource = "volume";
+// Allocation blocks are powers of two from one sector up to one fork cache
+// item, which must hold whole blocks.
+constexpr uint32_t kMinBlockSize = 512;
+constexpr uint32_t kMaxBlockSize = 1048576;
 }
 
 struct morv_volume_private {
@@ -135,6 +139,44 @@ morv_err find_root_folder(morv_catalog* catalog, morv_catalog_search_result* roo
   return MORV_OK;
 }
 
+// The volume must fit the sizes the forks are checked against: a sane block
+// size, and no more blocks than the device holds (when its size can be
+// found), so that no fork can claim more than the device.
+[[nodiscard]] morv_err check_volume_size(morv_device* device, const uint8_t* header) {
+  const uint32_t block_size = load_be32(header + vh::kBlockSize);
+  const uint32_t total_blocks = load_be32(header + vh::kTotalBlocks);
+  if (block_size < kMinBlockSize || block_size > kMaxBlockSize || (block_size & (block_size - 1))) {
+    MORV_ERROR("Allocation block size %lu is not a power of two from %lu to %lu.\n",
+               morv_ul(block_size), morv_ul(kMinBlockSize), morv_ul(kMaxBlockSize));
+    return MORV_ERR_CORRUPT;
+  }
+  // A size that does not even cover the header just read is no size at all
+  // (some devices report 0): the check is skipped then.
+  uint64_t device_bytes = 0;
+  if (morv_device_get_size(device, &device_bytes) != MORV_OK ||
+      device_bytes < vh::kOffsetOnDisk + vh::kSize)
+    return MORV_OK;
+  if (uint64_t{total_blocks} * block_size > device_bytes) {
+    MORV_ERROR("Volume of %lu allocation blocks of %lu bytes does not fit on its device of %llu "
+               "bytes.\n",
+               morv_ul(total_blocks), morv_ul(block_size), morv_ull(device_bytes));
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+// The root folder's name from the key of its record, checked against the key.
+[[nodiscard]] morv_err read_root_name(const morv_catalog_search_result* root,
+                                      uint16_t* length, const uint8_t** name) {
+  const morv_btree_record_locator* record = root->locator->btree_locator;
+  if (morv_err err = morv_catalog_key_name_length(record->key, record->key_size, length)) {
+    MORV_ERROR("Error while reading the name of the root directory.\n");
+    return err;
+  }
+  *name = record->key + catalog::kKeyName;
+  return MORV_OK;
+}
+
 }  // namespace
 
 morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, volume_parts* out) {
@@ -165,6 +207,7 @@ morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, v
   if (morv_err err = morv_volume_read_header(device, &buffer, &buffer_length, &header)) return err;
   const char* kind = nullptr;
   if (morv_err err = morv_volume_check_signature(header, &kind)) return err;
+  if (morv_err err = check_volume_size(device, header)) return err;
   if (morv_err err = morv_extents_create(device, header, &parts.extents)) {
     MORV_ERROR("Error while loading extents overflow file from HFS%s volume.\n", kind);
     return err;
@@ -186,8 +229,9 @@ morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, v
     MORV_ERROR("Error while creating volume lock.\n");
     return err;
   }
-  const uint8_t* key = root.locator->btree_locator->key;
-  const uint16_t label_length = load_be16(key + catalog::kKeyNameLength);
+  uint16_t label_length = 0;
+  const uint8_t* label = nullptr;
+  if (morv_err err = read_root_name(&root, &label_length, &label)) return err;
   if (label_length > catalog::kMaxNameLength) {
     // No newline: the next message continues this line.
     MORV_ERROR("Invalid volume label length: %hu", label_length);
@@ -200,7 +244,7 @@ morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, v
   priv->header = header;
   priv->label_lock = label_lock;
   priv->label_length = label_length;
-  memcpy(priv->label, key + catalog::kKeyName, 2 * size_t{label_length});
+  memcpy(priv->label, label, 2 * size_t{label_length});
   morv_catalog_search_result_release(&root);
   cleanup.release();
   *out = parts;

@@ -95,6 +95,11 @@ CORRUPTIONS = (
     "bad-signature", "header-kind", "header-records", "btree-type",
     "extents-btree-type", "index-self", "index-beyond", "index-cycle",
     "offsets-order", "no-root-thread", "long-root-name",
+    # Records whose sizes disagree with their contents, and forks and
+    # volumes larger than what holds them.
+    "root-name-length", "root-thread-name-length", "root-folder-no-data", "root-thread-no-data",
+    "catalog-logical-size", "extents-wrap", "extents-short-record",
+    "block-size", "volume-beyond-device",
 )
 
 NODE_DESC = struct.Struct(">IIbBHH")
@@ -737,6 +742,55 @@ class Volume:
                     break
             else:
                 raise BuildError("no leaf node has two records to put out of order")
+        elif c == "root-name-length":
+            # The name length claims more units than keyLength holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns,
+                                     catalog_key(CNID_ROOT_PARENT, self.label))
+            if len(self.label) >= 255:
+                raise BuildError("--corrupt root-name-length needs a label shorter than 255 units")
+            struct.pack_into(">H", self.cat, at + 6, 255)
+        elif c == "root-thread-name-length":
+            # The root's thread names more units than the record holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns, catalog_key(CNID_ROOT, ""))
+            struct.pack_into(">H", self.cat, at + 8 + 8, 255)
+        elif c in ("root-folder-no-data", "root-thread-no-data"):
+            # keyLength covers the whole record, leaving no data bytes.
+            key = (catalog_key(CNID_ROOT_PARENT, self.label) if c == "root-folder-no-data"
+                   else catalog_key(CNID_ROOT, ""))
+            at, size = self.leaf_record(self.cat, self.cat_plan, ns, key)
+            struct.pack_into(">H", self.cat, at, size - 2)
+        elif c == "extents-wrap":
+            # The catalog's first overflow record: eight extents that add up to
+            # exactly 2^32 blocks.
+            at, _ = self.leaf_record(self.ext, self.ext_plan, self.o.extents_node_size,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            start = struct.unpack_from(">I", self.ext, at + 12)[0]
+            for i in range(8):
+                struct.pack_into(">II", self.ext, at + 12 + 8 * i, start, 1 << 29)
+        elif c == "extents-short-record":
+            # The catalog's first overflow record keeps 32 of its 64 bytes.
+            ens = self.o.extents_node_size
+            at, _ = self.leaf_record(self.ext, self.ext_plan, ens,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            node, off = divmod(at, ens)
+            n = struct.unpack_from(">H", self.ext, node * ens + 10)[0]
+            if node_records(self.ext, ens, node)[-1] != off:
+                raise BuildError("--corrupt extents-short-record: the record is not its node's last")
+            struct.pack_into(">H", self.ext, node * ens + ens - 2 * (n + 1), off + 12 + 32)
+
+    @staticmethod
+    def leaf_record(buf, plan, ns, key):
+        """Byte position in `buf` and size of the first leaf record whose key
+        begins with the bytes `key`."""
+        for node in plan.numbers[0] if plan.levels else []:
+            offs = node_records(buf, ns, node)
+            base = node * ns
+            ends = offs[1:] + [struct.unpack_from(">H", buf, base + ns - 2 * (len(offs) + 1))[0]]
+            for off, end in zip(offs, ends):
+                if bytes(buf[base + off:base + off + len(key)]) == key:
+                    return base + off, end - off
+        raise BuildError("--corrupt: no leaf record with the key it damages (the extents "
+                         "overflow corruptions need --catalog-fragments 9 or more)")
 
     # ---- output
 
@@ -762,7 +816,14 @@ class Volume:
                                  self.next_cnid, 1, 1)
                + finder + forks)
         assert len(hdr) == 512, len(hdr)
-        return hdr
+        hdr = bytearray(hdr)
+        if o.corrupt == "catalog-logical-size":
+            struct.pack_into(">Q", hdr, 272, 1 << 42)  # catalogFile.logicalSize: 4 TiB
+        elif o.corrupt == "block-size":
+            struct.pack_into(">I", hdr, 40, bs + bs // 2)  # not a power of two
+        elif o.corrupt == "volume-beyond-device":
+            struct.pack_into(">I", hdr, 44, 2 * self.total_blocks)
+        return bytes(hdr)
 
     def write(self, path):
         o = self.o

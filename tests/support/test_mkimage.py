@@ -337,6 +337,8 @@ class MkimageTest(unittest.TestCase):
             (["--size", 4 << 20, "--files", 10, "--corrupt", "index-cycle"], "files"),
             (["--size", 4 << 20, "--catalog-fragments", 20, "--free-catalog-nodes", 0],
              "fragments"),
+            (["--size", 4 << 20, "--corrupt", "extents-wrap"], "--catalog-fragments 9"),
+            (["--size", 4 << 20, "--label", "x" * 255, "--corrupt", "root-name-length"], "shorter"),
         ]
         for args, text in cases:
             with self.subTest(args=args):
