@@ -390,17 +390,14 @@ morv_err morv_fork_read_into_cache(morv_fork* fork, uint64_t offset, uint64_t le
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / s;
   const uint64_t end = (offset + length + s - 1) / s;
-  if (morv_err err = morv_rwlock_lock_write(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Unable to unlock items lock!\n");
+  if (morv_err err = items.lock_write()) {
     MORV_ERROR("Unable to lock items lock.\n");
     return err;
   }
   morv_err result = MORV_OK;
   for (uint64_t n = first; n < end && result == MORV_OK; ++n) result = cache_sector(fork, n);
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Unable to unlock items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return items.finish(result);
 }
 
 // ---- Extent walk ----
@@ -581,23 +578,18 @@ morv_err morv_fork_map(morv_fork* fork, uint64_t offset, uint8_t** out, size_t l
     MORV_ERROR("Error while reading missing disk blocks into cache.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
-  uint8_t* pointer = nullptr;
-  if (morv_fork_cache_item* item = item_at(priv, first)) {
-    pointer = item->data + offset % priv->cache_item_size;
-  } else {
+  morv_fork_cache_item* item = item_at(priv, first);
+  if (!item) {
     MORV_CRITICAL("Unexpected - Requested cache item %llu does not exist.\n", morv_ull(first));
-    result = MORV_ERR_INTERNAL;
+    return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  if (result != MORV_OK) return result;
+  uint8_t* pointer = item->data + offset % priv->cache_item_size;
+  if (morv_err err = items.finish(MORV_OK)) return err;
   *out = pointer;
   if (mapped_length) *mapped_length = length;
   return MORV_OK;
@@ -608,29 +600,26 @@ namespace {
 // Drops one reference of a mapping (items lock held for reading).
 [[nodiscard]] morv_err release_mapping(const morv_fork_private* priv, morv_fork_cache_item* item,
                                        uint64_t index, uint64_t offset, uint8_t** pointer) {
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock, "Unexpected - Error while unlocking item %p!\n",
+                    item);
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking item %p.\n", static_cast<void*>(item));
     return err;
   }
-  morv_err result = MORV_OK;
   uint8_t* expected = item->data + offset % priv->cache_item_size;
   if (*pointer != expected) {
     MORV_ERROR("Unexpected pointer when unmapping cache item. Expected %p, got %p.\n",
                static_cast<void*>(expected), static_cast<void*>(*pointer));
-    result = MORV_ERR_INVALID_ARGUMENT;
-  } else if (item->references == 0) {
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (item->references == 0) {
     MORV_ERROR("Cache item %llu has no active references and cannot be unmapped.\n",
                morv_ull(index));
-    result = MORV_ERR_INVALID_ARGUMENT;
-  } else {
-    --item->references;  // one per mapping, whatever its length
-    *pointer = nullptr;
+    return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  --item->references;  // one per mapping, whatever its length
+  *pointer = nullptr;
+  return item_guard.finish(MORV_OK);
 }
 
 }  // namespace
@@ -652,22 +641,17 @@ morv_err morv_fork_unmap(morv_fork* fork, uint64_t offset, uint8_t** pointer, si
                morv_ull(offset), length, morv_ull(first), morv_ull(last));
     return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
-  if (morv_fork_cache_item* item = item_at(priv, first)) {
-    result = release_mapping(priv, item, first, offset, pointer);
-  } else {
+  morv_fork_cache_item* item = item_at(priv, first);
+  if (!item) {
     MORV_ERROR("Cache item %llu does not exist and cannot be unmapped.\n", morv_ull(first));
-    result = MORV_ERR_INVALID_ARGUMENT;
+    return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return items.finish(release_mapping(priv, item, first, offset, pointer));
 }
 
 namespace {
@@ -676,28 +660,22 @@ namespace {
 // morv_fork_read_into_cache took for it.
 [[nodiscard]] morv_err copy_from_item(morv_fork_cache_item* item, size_t start, uint8_t* out,
                                       size_t count) {
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock,
+                    "Unexpected - Error while unlocking cur_item's item lock.\n");
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking cur_item's item lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
   memcpy(out, item->data + start, count);
   if (item->references == 0) {
     MORV_CRITICAL("Unexpected - Cache item that we just copied from has no references (should have "
                   "at least one)!\n");
-    result = MORV_ERR_INTERNAL;
-  } else {
-    --item->references;
+    // The failure path's unlock message names the items lock; kept as it stands.
+    item_guard.set_unlock_message("Unexpected - Error while unlocking items lock.\n");
+    return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    if (result != MORV_OK) {
-      MORV_CRITICAL("Unexpected - Error while unlocking items lock.\n");
-    } else {
-      MORV_CRITICAL("Unexpected - Error while unlocking cur_item's item lock.\n");
-      result = err;
-    }
-  }
-  return result;
+  --item->references;
+  return item_guard.finish(MORV_OK);
 }
 
 // Copies [offset, offset + length) out of the cache (items lock held).
@@ -747,15 +725,13 @@ morv_err morv_fork_read(morv_fork* fork, uint64_t offset, void* buffer, size_t l
     MORV_ERROR("Error while reading missing disk blocks into cache.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = copy_from_items(priv, offset, static_cast<uint8_t*>(buffer), length);
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
+  const morv_err result =
+      items.finish(copy_from_items(priv, offset, static_cast<uint8_t*>(buffer), length));
   if (result == MORV_OK && bytes_read) *bytes_read = length;
   return result;
 }
@@ -849,26 +825,19 @@ morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, s
       MORV_ERROR("Error while reading last block in write range into cache.\n");
       return err;
     }
-  if (morv_err err = morv_rwlock_lock_write(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_write()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_write(priv->dirty_lock)) {
+  MORV_RWLOCK_GUARD(dirty, priv->dirty_lock, "Unexpected - Error while unlocking dirty lock!\n");
+  if (morv_err err = dirty.lock_write()) {
     MORV_ERROR("Error while write-locking dirty lock.\n");
-    if (morv_rwlock_unlock(priv->items_lock) != MORV_OK)
-      MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
     return err;
   }
   morv_err result =
       write_locked(fork, offset, static_cast<const uint8_t*>(buffer), length, head_read, tail_read);
-  if (morv_err err = morv_rwlock_unlock(priv->dirty_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
+  result = items.finish(dirty.finish(result));
   if (result == MORV_OK && bytes_written) *bytes_written = length;
   return result;
 }
@@ -993,18 +962,15 @@ morv_err morv_fork_flush_internal(morv_fork* fork, uint64_t offset, uint64_t len
   context.fork = fork;
   if (morv_err err = flush_geometry(priv->device->sector_size, priv->sector_size, &context))
     return err;
-  if (morv_err err = morv_rwlock_lock_write(priv->dirty_lock)) {
+  MORV_RWLOCK_GUARD(dirty, priv->dirty_lock, "Unexpected - Error while unlocking dirty lock!\n");
+  if (morv_err err = dirty.lock_write()) {
     MORV_ERROR("Error while write-locking dirty lock.\n");
     return err;
   }
   morv_err result =
       morv_fork_do_device_io(fork, offset, length, morv_fork_process_write_io, &context);
   if (result != MORV_OK) MORV_ERROR("Error while writing fork to disk.\n");
-  if (morv_err err = morv_rwlock_unlock(priv->dirty_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return dirty.finish(result);
 }
 
 namespace {
@@ -1094,15 +1060,13 @@ struct flush_span {
                   item->modification_bitmap_size, expected);
     return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock,
+                    "Unexpected - Error while unlocking item's item lock.\n");
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking item's item lock.\n");
     return err;
   }
-  morv_err result = write_modified_runs(ctx, item, span);
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking item's item lock.\n");
-    if (result == MORV_OK) result = err;
-  }
+  const morv_err result = item_guard.finish(write_modified_runs(ctx, item, span));
   // The dirty lock, held by the flush, covers the count.
   if (result == MORV_OK && item->modified == 0) --priv->dirty_items;
   return result;
@@ -1156,18 +1120,15 @@ morv_err morv_fork_process_write_io(void* context, uint64_t device_offset, uint6
 
 morv_err morv_fork_flush(morv_fork* fork) {
   morv_fork_private* priv = fork->priv;
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = morv_fork_flush_internal(fork, 0, priv->logical_size);
+  const morv_err result = morv_fork_flush_internal(fork, 0, priv->logical_size);
   if (result == MORV_OK && priv->dirty_items != 0) {
     MORV_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", priv->dirty_items);
     priv->dirty_items = 0;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return items.finish(result);
 }
