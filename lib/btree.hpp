@@ -148,3 +148,14 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
                                                 morv_btree_record_locator* locator);
 [[nodiscard]] morv_err morv_btree_delete_record_internal(morv_btree* tree,
                                                          morv_btree_record_locator* locator);
+
+// ---- Growth ----
+
+struct morv_volume;
+
+// Grows the tree's file by one clump (morv_fork_expand: blocks from the
+// volume's allocation bitmap) and makes the new nodes free nodes of the
+// tree, chaining a map node when the node bitmap needs room. For a client
+// whose claim failed with MORV_ERR_UNSUPPORTED; the tree must hold no
+// unflushed writes. All or nothing.
+[[nodiscard]] morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume);
