@@ -2394,7 +2394,6 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
 
 // Chains a new map node behind the last one and marks it in use.
 [[nodiscard]] morv_err add_map_node(morv_btree* tree, const chain& c, uint8_t* node, journal* j) {
-  if (morv_err err = write_map_node(tree, c, node)) return err;
   if (c.own_bit_found) {
     const uint8_t bit = static_cast<uint8_t>(0x80u >> (c.total_nodes % 8));
     const uint8_t byte = c.own_bit_byte | bit;
@@ -2411,14 +2410,15 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
     MORV_ERROR("Error while writing out modified last map node.\n");
     return err;
   }
-  return MORV_OK;
+  return write_map_node(tree, c, node);
 }
 
 // Everything after the fork has grown; the journal records what to undo.
+// The header record goes first and the new node last, so that a failure
+// in the new part of the file (its first cache item) finds the old nodes
+// changed and puts them back.
 [[nodiscard]] morv_err grow_nodes(morv_btree* tree, const chain& c, const plan& p, uint8_t* node,
                                   journal* j) {
-  if (p.map_node)
-    if (morv_err err = add_map_node(tree, c, node, j)) return err;
   uint8_t header[kHeaderRecordSize];
   memcpy(header, c.header_record, sizeof header);
   store_be32(header + kTotalNodes, c.total_nodes + p.new_nodes);
@@ -2428,7 +2428,7 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
     MORV_ERROR("Error while writing back modified tree header record.\n");
     return err;
   }
-  return MORV_OK;
+  return p.map_node ? add_map_node(tree, c, node, j) : MORV_OK;
 }
 
 [[nodiscard]] morv_err expand_locked(morv_btree* tree, morv_volume* volume) {
