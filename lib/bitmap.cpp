@@ -535,7 +535,7 @@ morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset, u
   }
   morv_write_location location{};
   location.extent_index = static_cast<uint32_t>(index);
-  if (fits) {
+  if (fits || needed == 0) {  // an empty write needs no block either
     *out = location;
     return MORV_OK;
   }

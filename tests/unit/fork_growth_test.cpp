@@ -103,6 +103,35 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   morv_fork_destroy(&fork);
 }
 
+TEST(ForkGrowth, WriteLocationsLengthenTheLastExtentOrFillTheNextOnly) {
+  uint8_t fd[forkdata::kSize] = {};
+  auto apply = [&](uint32_t index, uint32_t start, uint32_t count) {
+    morv_write_location loc{};
+    loc.extent_index = index;
+    loc.start_block = start;
+    loc.block_count = count;
+    return UpdateForkExtents(fd, &loc);
+  };
+  ASSERT_EQ(apply(0, 40, 2), MORV_OK);
+  ASSERT_EQ(apply(0, 42, 3), MORV_OK);  // continues extent 0
+  ASSERT_EQ(apply(1, 50, 1), MORV_OK);
+  EXPECT_EQ(load_be32(fd + forkdata::kExtents + 4), 5u);
+  EXPECT_EQ(load_be32(fd + forkdata::kExtents + 8), 50u);
+  EXPECT_EQ(load_be32(fd + forkdata::kTotalBlocks), 6u);
+  EXPECT_EQ(load_be64(fd), 0u);  // logicalSize is the caller's
+  uint8_t before[forkdata::kSize];
+  memcpy(before, fd, sizeof fd);
+  // Replacing a used extent would lose its blocks, skipping one would end
+  // the list early: both refused, like an empty run.
+  EXPECT_EQ(apply(0, 60, 1), MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_EQ(apply(3, 60, 1), MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_EQ(apply(2, 60, 0), MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(apply(8, 60, 1), MORV_ERR_EXTENT_LIMIT); }),
+                  "Unable to update fork extents beyond the first 8 extents."));
+  EXPECT_EQ(memcmp(before, fd, sizeof fd), 0);
+  EXPECT_EQ(UpdateForkExtents(nullptr, nullptr), MORV_ERR_INVALID_ARGUMENT);
+}
+
 TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   Volume v(kSmall);
   morv_fork* fork = startup_fork(v.volume, 4);
