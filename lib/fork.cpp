@@ -1377,7 +1377,6 @@ morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
     record.blocks = blocks;
     record.old_logical_size = priv->logical_size;
     record.old_items_length = priv->items_length;
-    record.old_extents_count = priv->extents_count;
     growth_plan plan;
     if (morv_err err = plan_growth(fork, blocks, &location, &plan)) return err;
     publish(priv, volume, plan.fork_data);

@@ -81,7 +81,6 @@ struct morv_fork_growth {
   uint32_t blocks;  // 0: nothing to take back
   uint64_t old_logical_size;
   size_t old_items_length;
-  size_t old_extents_count;
 };
 // morv_fork_expand that also records how to take the growth back.
 [[nodiscard]] morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
