@@ -3,23 +3,18 @@
 #include <cstring>
 
 #include "alloc_test_support.hpp"
+#include "fork_test_support.hpp"
 
 using alloc_test::field;
 using alloc_test::Volume;
+using fork_test::has;
+using fork_test::logged;
 
 namespace {
 
 // 256 blocks of 4 KiB: 0 reserved, 1 allocation file, 2-10 extents overflow
 // file, 11-28 catalog, 29-254 free, 255 the alternate header's.
 const char* const kSmall = "--size 1048576 --label Bits";
-
-template <typename F>
-std::string logged(F f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
-bool has(const std::string& log, const char* text) { return log.find(text) != std::string::npos; }
 
 uint8_t bitmap_byte(Volume& v, uint64_t index) {
   uint8_t b = 0;
