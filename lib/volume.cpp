@@ -4,6 +4,12 @@
 // as the whole sectors that cover its 512 bytes (sector 2 alone for S = 512,
 // sector 0 for S = 2048 or 4096) and written back as the same sectors, so a
 // flush rewrites the bytes that share those sectors exactly as they were read.
+//
+// The alternate volume header, 1024 bytes before the end of the volume
+// (totalBlocks x blockSize), repeats where the special files live. Once a
+// special file's fork data changes, the next flush also writes the five
+// special-file fork data records into the alternate copy, so that a checker
+// comparing the two finds them in step.
 #include "volume.hpp"
 
 #include <cstring>
@@ -30,6 +36,7 @@ struct morv_volume_private {
   uint8_t* header;
   uint16_t label_length;
   uint8_t label[2 * 256];  // big-endian units, as in the root folder's key
+  bool alternate_stale;    // special-file fork data changed since the last flush
 };
 
 morv_err morv_volume_read_header(morv_device* device, uint8_t** buffer, size_t* buffer_length,
@@ -76,9 +83,65 @@ morv_err morv_volume_write_header(morv_device* device, const uint8_t* buffer,
   return MORV_OK;
 }
 
+namespace {
+
+constexpr uint64_t kAlternateFromEnd = 1024;
+// The header fields that the alternate copy keeps in step: the fork data of
+// the special files.
+constexpr size_t kSpecialForks[] = {vh::kAllocationFile, vh::kExtentsFile, vh::kCatalogFile,
+                                    vh::kAttributesFile, vh::kStartupFile};
+
+// Copies the special files' fork data into the alternate header; writes its
+// sectors only when that changes them.
+[[nodiscard]] morv_err write_alternate_header(morv_volume* volume) {
+  morv_device* device = volume->device;
+  const uint8_t* header = volume->header;
+  const uint64_t volume_bytes =
+      uint64_t{load_be32(header + vh::kTotalBlocks)} * load_be32(header + vh::kBlockSize);
+  if (volume_bytes < vh::kOffsetOnDisk + vh::kSize + kAlternateFromEnd) {
+    MORV_ERROR("Volume of %llu bytes has no room for an alternate volume header.\n",
+               morv_ull(volume_bytes));
+    return MORV_ERR_CORRUPT;
+  }
+  const uint64_t offset = volume_bytes - kAlternateFromEnd;
+  const uint32_t s = device->sector_size;
+  const uint32_t in_sector = static_cast<uint32_t>(offset % s);
+  const uint32_t count = static_cast<uint32_t>((in_sector + vh::kSize + s - 1) / s);
+  void* sectors = nullptr;
+  if (morv_err err = morv_device_read_disk_sectors(device, offset / s, count, &sectors)) {
+    MORV_ERROR("Error while reading alternate volume header.\n");
+    return err;
+  }
+  morv::buffer<uint8_t> held(static_cast<uint8_t*>(sectors));
+  uint8_t* alternate = held.get() + in_sector;
+  bool changed = false;
+  for (size_t field : kSpecialForks) {
+    if (memcmp(alternate + field, header + field, forkdata::kSize) == 0) continue;
+    memcpy(alternate + field, header + field, forkdata::kSize);
+    changed = true;
+  }
+  if (!changed) return MORV_OK;
+  if (morv_err err = morv_device_write_disk_sectors(device, offset / s, count, held.get())) {
+    MORV_ERROR("Error while writing alternate volume header.\n");
+    return err;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
 morv_err morv_volume_flush(morv_volume* volume) {
-  return morv_volume_write_header(volume->device, volume->priv->header_buffer,
-                                  volume->priv->header_buffer_length);
+  morv_volume_private* priv = volume->priv;
+  if (morv_err err = morv_volume_write_header(volume->device, priv->header_buffer,
+                                              priv->header_buffer_length))
+    return err;
+  if (!priv->alternate_stale) return MORV_OK;
+  if (morv_err err = write_alternate_header(volume)) {
+    MORV_ERROR("Error while flushing volume header.\n");
+    return err;
+  }
+  priv->alternate_stale = false;
+  return MORV_OK;
 }
 
 namespace {
@@ -362,5 +425,7 @@ void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint
       MORV_CRITICAL("Unexpected catalog node ID for volume header file: %lu", morv_ul(cnid));
       return;
   }
+  if (memcmp(volume->header + offset, fork_data, forkdata::kSize) == 0) return;
   memcpy(volume->header + offset, fork_data, forkdata::kSize);
+  volume->priv->alternate_stale = true;
 }
