@@ -2481,25 +2481,7 @@ morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result) {
 namespace {
 namespace growth {
 
-constexpr size_t kFLink = 0;
-constexpr size_t kKind = 8;
-constexpr size_t kNumRecords = 10;
-constexpr int8_t kKindHeader = 1;
-constexpr int8_t kKindMap = 2;
-constexpr uint16_t kFirstRecord = 14;
-constexpr size_t kOffsetEntry = 2;
-constexpr size_t kHeaderRecords = 3;
-constexpr size_t kHeaderMapIndex = 2;     // the header node's map record
-constexpr size_t kHeaderNonMapBytes = 256;
 constexpr size_t kMapNodeNonMapBytes = 20;  // descriptor, two offsets, two spare bytes
-constexpr uint64_t kHeaderRecordOffset = 14;
-constexpr size_t kHeaderRecordSize = 106;
-constexpr size_t kTotalNodes = 22;  // within the header record
-constexpr size_t kFreeNodes = 26;
-
-uint16_t offset_entry(const uint8_t* node, uint16_t node_size, size_t index) {
-  return load_be16(node + node_size - kOffsetEntry * (index + 1));
-}
 
 // One part of the node bitmap: `length` bytes at `first` in node `node`,
 // holding the bits from byte `earlier` of the whole bitmap on.
@@ -2512,7 +2494,7 @@ struct part {
 
 // What the chain of map parts looks like, and the bytes the growth will change.
 struct chain {
-  uint8_t header_record[kHeaderRecordSize];
+  uint8_t header_record[hr::kSize];
   uint32_t total_nodes;
   uint32_t last_node;       // the node whose fLink ends the chain (0: the header node)
   uint64_t capacity;        // nodes the bitmap has bits for
@@ -2524,7 +2506,7 @@ struct chain {
 // Checks one part: it lies inside its node and marks no node past totalNodes.
 [[nodiscard]] morv_err check_part(const uint8_t* node, uint16_t node_size, const part& p,
                                   uint64_t node_offset, chain* c) {
-  if (p.first < kFirstRecord || p.first + p.length > node_size) {
+  if (p.first < nd::kFirstRecordOffset || p.first + p.length > node_size) {
     MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", p.first);
     return MORV_ERR_CORRUPT;
   }
@@ -2555,14 +2537,14 @@ struct chain {
     MORV_ERROR("Error while mapping last map node's descriptor.\n");
     return err;
   }
-  if (static_cast<int8_t>(node[kKind]) != kKindMap || load_be16(node + kNumRecords) != 1) {
+  if (static_cast<int8_t>(node[nd::kKind]) != nd::kKindMap || load_be16(node + nd::kNumRecords) != 1) {
     MORV_ERROR("Invalid node data: Expected map node, got node kind %hhd.\n",
-               static_cast<int8_t>(node[kKind]));
+               static_cast<int8_t>(node[nd::kKind]));
     return MORV_ERR_CORRUPT;
   }
   *first = offset_entry(node, ns, 0);
   *free_space = offset_entry(node, ns, 1);
-  if (*free_space < *first || *free_space > ns - 2 * kOffsetEntry) {
+  if (*free_space < *first || *free_space > ns - 2 * nd::kOffsetEntrySize) {
     MORV_ERROR("Invalid node data: Free space offset is out of range (%hu).", *free_space);
     return MORV_ERR_CORRUPT;
   }
@@ -2576,17 +2558,17 @@ struct chain {
     MORV_ERROR("Error while mapping B-tree header record.\n");
     return err;
   }
-  memcpy(c->header_record, node + kHeaderRecordOffset, kHeaderRecordSize);
-  c->total_nodes = load_be32(c->header_record + kTotalNodes);
-  if (static_cast<int8_t>(node[kKind]) != kKindHeader || load_be16(node + kNumRecords) != kHeaderRecords) {
+  memcpy(c->header_record, node + hr::kForkOffset, hr::kSize);
+  c->total_nodes = load_be32(c->header_record + hr::kTotalNodes);
+  if (static_cast<int8_t>(node[nd::kKind]) != nd::kKindHeader || load_be16(node + nd::kNumRecords) != nd::kHeaderNodeRecords) {
     MORV_ERROR("HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
-               __func__, static_cast<int8_t>(node[kKind]), load_be16(node + kNumRecords));
+               __func__, static_cast<int8_t>(node[nd::kKind]), load_be16(node + nd::kNumRecords));
     return MORV_ERR_CORRUPT;
   }
-  part p{0, offset_entry(node, ns, kHeaderMapIndex), uint64_t{ns} - kHeaderNonMapBytes, 0};
+  part p{0, offset_entry(node, ns, nd::kMapRecordIndex), uint64_t{ns} - nd::kHeaderNodeNonMapBytes, 0};
   if (morv_err err = check_part(node, ns, p, 0, c)) return err;
   c->last_node = 0;
-  for (uint32_t link = load_be32(node + kFLink), steps = 0; link != 0; ++steps) {
+  for (uint32_t link = load_be32(node + nd::kFLink), steps = 0; link != 0; ++steps) {
     if (link >= c->total_nodes || steps >= c->total_nodes) {
       MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number "
                  "of nodes (%lu).\n",
@@ -2598,7 +2580,7 @@ struct chain {
     p = part{link, first, uint64_t{free_space} - first, p.earlier + p.length};
     if (morv_err err = check_part(node, ns, p, uint64_t{link} * ns, c)) return err;
     c->last_node = link;
-    link = load_be32(node + kFLink);
+    link = load_be32(node + nd::kFLink);
   }
   return MORV_OK;
 }
@@ -2644,7 +2626,7 @@ struct journal {
   struct entry {
     uint64_t offset;
     size_t length;
-    uint8_t old[kHeaderRecordSize];
+    uint8_t old[hr::kSize];
     const char* message;
   };
   entry entries[3];
@@ -2697,25 +2679,25 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
   const uint16_t ns = tree->node_size;
   const uint64_t at = uint64_t{c.total_nodes} * ns;
   memset(node, 0, ns);
-  node[kKind] = static_cast<uint8_t>(kKindMap);
-  store_be16(node + kNumRecords, 1);
+  node[nd::kKind] = static_cast<uint8_t>(nd::kKindMap);
+  store_be16(node + nd::kNumRecords, 1);
   if (!c.own_bit_found) {  // its own bit is the first it holds, or later in it
     const uint64_t bit = c.total_nodes - c.capacity;
-    node[kFirstRecord + bit / 8] |= static_cast<uint8_t>(0x80u >> (bit % 8));
+    node[nd::kFirstRecordOffset + bit / 8] |= static_cast<uint8_t>(0x80u >> (bit % 8));
   }
   // A map node has no siblings and no height: bLink and height stay 0.
   if (morv_err err = morv_fork_write(tree->fork, at, node, ns, nullptr)) {
     MORV_ERROR("Error while writing out node descriptor of claimed node.\n");
     return err;
   }
-  uint8_t entry[kOffsetEntry];
-  store_be16(entry, static_cast<uint16_t>(kFirstRecord + ns - kMapNodeNonMapBytes));
-  if (morv_err err = morv_fork_write(tree->fork, at + ns - 2 * kOffsetEntry, entry, 2, nullptr)) {
+  uint8_t entry[nd::kOffsetEntrySize];
+  store_be16(entry, static_cast<uint16_t>(nd::kFirstRecordOffset + ns - kMapNodeNonMapBytes));
+  if (morv_err err = morv_fork_write(tree->fork, at + ns - 2 * nd::kOffsetEntrySize, entry, 2, nullptr)) {
     MORV_ERROR("Error while writing out modified free space pointer.\n");
     return err;
   }
-  store_be16(entry, kFirstRecord);
-  if (morv_err err = morv_fork_write(tree->fork, at + ns - kOffsetEntry, entry, 2, nullptr)) {
+  store_be16(entry, nd::kFirstRecordOffset);
+  if (morv_err err = morv_fork_write(tree->fork, at + ns - nd::kOffsetEntrySize, entry, 2, nullptr)) {
     MORV_ERROR("Error while writing out modified last record pointer.\n");
     return err;
   }
@@ -2735,7 +2717,7 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
   const uint8_t old_link[4] = {0, 0, 0, 0};  // the last node's fLink is 0
   uint8_t link[4];
   store_be32(link, c.total_nodes);
-  if (morv_err err = change(tree, j, uint64_t{c.last_node} * tree->node_size + kFLink, old_link,
+  if (morv_err err = change(tree, j, uint64_t{c.last_node} * tree->node_size + nd::kFLink, old_link,
                             link, sizeof link, kMapRollback)) {
     MORV_ERROR("Error while writing out modified last map node.\n");
     return err;
@@ -2749,11 +2731,11 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
 // changed and puts them back.
 [[nodiscard]] morv_err grow_nodes(morv_btree* tree, const chain& c, const plan& p, uint8_t* node,
                                   journal* j) {
-  uint8_t header[kHeaderRecordSize];
+  uint8_t header[hr::kSize];
   memcpy(header, c.header_record, sizeof header);
-  store_be32(header + kTotalNodes, c.total_nodes + p.new_nodes);
-  store_be32(header + kFreeNodes, load_be32(header + kFreeNodes) + p.new_nodes - (p.map_node ? 1 : 0));
-  if (morv_err err = change(tree, j, kHeaderRecordOffset, c.header_record, header, sizeof header,
+  store_be32(header + hr::kTotalNodes, c.total_nodes + p.new_nodes);
+  store_be32(header + hr::kFreeNodes, load_be32(header + hr::kFreeNodes) + p.new_nodes - (p.map_node ? 1 : 0));
+  if (morv_err err = change(tree, j, hr::kForkOffset, c.header_record, header, sizeof header,
                             "Error while reverting B-tree header record modifications.\n")) {
     MORV_ERROR("Error while writing back modified tree header record.\n");
     return err;
@@ -2762,6 +2744,12 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
 }
 
 [[nodiscard]] morv_err expand_locked(morv_btree* tree, morv_volume* volume) {
+  // A transaction puts back only nodes: it cannot take a growth of the file
+  // back, so a tree grows between changes, never inside one.
+  if (tree->priv->txn.depth) {
+    MORV_ERROR("Cannot expand a B-tree inside a transaction.\n");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   morv::buffer<uint8_t> node(static_cast<uint8_t*>(morv_malloc(tree->node_size)));
   if (!node) {
     MORV_ERROR("Error while allocating new map node.\n");

@@ -132,6 +132,13 @@ TEST(BtreeExpand, RefusesClumpsOfPartNodesAndBitsPastTheLastNode) {
   testing::internal::GetCapturedStderr();
   odd.flush();
   EXPECT_EQ(odd.bytes(), before);
+  // A transaction puts back nodes, not a grown file: no growth inside one.
+  Volume busy("--size 2097152 --label Busy --block-size 512 --catalog-node-size 512");
+  ASSERT_EQ(morv_btree_transaction_begin(busy.catalog_tree()), MORV_OK);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_btree_expand(busy.catalog_tree(), busy.volume), MORV_ERR_INVALID_ARGUMENT);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("inside a transaction"), std::string::npos);
+  EXPECT_EQ(morv_btree_transaction_end(busy.catalog_tree(), MORV_OK), MORV_OK);
   // A node bitmap that marks a node past totalNodes is damaged: growing
   // would make that node look in use.
   Volume v("--size 2097152 --label Stray --block-size 512 --catalog-node-size 512");
