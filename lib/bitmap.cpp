@@ -262,6 +262,23 @@ template <typename Visit>
   return MORV_OK;
 }
 
+// Marks allocated again the first `limit` blocks of fork blocks [first,
+// first + count) that an extent record holds, after a free cleared them; a
+// failure is reported and the other blocks are still marked.
+[[nodiscard]] morv_err mark_again(morv_fork* fork, const uint8_t* record, uint64_t first,
+                                  uint64_t count, uint64_t limit) {
+  morv_err result = MORV_OK;
+  uint64_t restored = 0;
+  (void)for_each_block(record, first, count, limit, &restored, [&](uint64_t b) {
+    if (morv_err err = put_bit(fork, b, true)) {
+      MORV_ERROR("Error while marking block %lu allocated again.\n", morv_ul(static_cast<uint32_t>(b)));
+      if (result == MORV_OK) result = err;
+    }
+    return MORV_OK;
+  });
+  return result;
+}
+
 }  // namespace
 
 morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_block, uint32_t count,
@@ -279,16 +296,16 @@ morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_blo
   });
   if (err) {
     // All or nothing: the blocks already freed are marked again.
-    uint64_t restored = 0;
-    (void)for_each_block(record, first_block, count, freed, &restored, [&](uint64_t b) {
-      if (put_bit(fork_of(bitmap), b, true) != MORV_OK)
-        MORV_ERROR("Error while marking block %lu allocated again.\n", morv_ul(static_cast<uint32_t>(b)));
-      return MORV_OK;
-    });
+    (void)mark_again(fork_of(bitmap), record, first_block, count, freed);
     return err;
   }
   if (out_freed) *out_freed = static_cast<uint32_t>(freed);
   return MORV_OK;
+}
+
+morv_err morv_bitmap_restore_extent_blocks(const uint8_t* fork_data, uint32_t first_block,
+                                           uint32_t count, morv_bitmap* bitmap) {
+  return mark_again(fork_of(bitmap), fork_data + forkdata::kExtents, first_block, count, UINT64_MAX);
 }
 
 // ---- Searching ----

@@ -66,6 +66,13 @@ void morv_bitmap_destroy(morv_bitmap** bitmap);
 [[nodiscard]] morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_block,
                                                   uint32_t count, morv_bitmap* bitmap,
                                                   uint32_t* out_freed);
+// Undoes a successful FreeExtentAllocationBlocks with the same fork data,
+// first block and count: marks those blocks allocated again. It writes only
+// bytes whose sectors the free loaded, so it needs no memory and no device
+// transfer. freeBlocks is the caller's.
+[[nodiscard]] morv_err morv_bitmap_restore_extent_blocks(const uint8_t* fork_data,
+                                                         uint32_t first_block, uint32_t count,
+                                                         morv_bitmap* bitmap);
 // First-fit search for `wanted` free blocks from `hint` (0: nextAllocation),
 // wrapping once around the volume. Finding nothing is success with a block
 // count of 0.

@@ -2464,6 +2464,25 @@ morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result) {
   return result;
 }
 
+morv_err morv_btree_transaction_prepare(morv_btree* tree) {
+  morv_rwlock* lock = tree->priv->open_locators_lock;
+  morv_err err = morv_rwlock_lock_write(lock);
+  if (err) {
+    MORV_ERROR("Error while acquiring write lock for open locators list.\n");
+    return err;
+  }
+  transaction& t = tree->priv->txn;
+  morv_err result = t.failure;
+  if (!result && t.depth) result = settle_pending(tree);
+  if (result && t.depth && !t.failure) t.failure = result;
+  if ((err = morv_rwlock_unlock(lock))) {
+    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
+                  "now...\n");
+    if (!result) result = err;
+  }
+  return result;
+}
+
 // ============================================================ tree growth
 //
 // morv_btree_expand grows a tree's file by one clump of its fork (clumpSize

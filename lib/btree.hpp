@@ -158,6 +158,12 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
 // client stops and ends it with the failure. End returns the change's result.
 [[nodiscard]] morv_err morv_btree_transaction_begin(morv_btree* tree);
 [[nodiscard]] morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result);
+// Settles now what the outermost end would settle (index records of nodes
+// whose first key changed, emptied nodes), so that ending the transaction
+// with success can no longer fail. A client that changes several trees
+// prepares each before it ends any, and so keeps all of them or none. A
+// failure dooms the transaction; a doomed one returns its failure.
+[[nodiscard]] morv_err morv_btree_transaction_prepare(morv_btree* tree);
 
 // ---- Growth ----
 

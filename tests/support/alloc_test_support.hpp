@@ -42,9 +42,13 @@ struct Volume : morv_test::OpenVolume {
     ASSERT_EQ(morv_volume_flush(volume), MORV_OK);
   }
   std::string check() const { return morv_test::check_image(file.path()); }
-  // Drops everything held in memory and opens the image again.
-  void reopen() {
+  // Drops everything held in memory and opens the image again, after
+  // writing `image` over it when given.
+  void reopen(const std::vector<uint8_t>* image = nullptr) {
     morv_volume_destroy(&volume);
+    if (image) {
+      ASSERT_EQ(pwrite(fd, image->data(), image->size(), 0), static_cast<ssize_t>(image->size()));
+    }
     ASSERT_EQ(morv_volume_create(device, 0, &volume), MORV_OK);
   }
   std::vector<uint8_t> bytes() const {
@@ -60,7 +64,8 @@ struct Volume : morv_test::OpenVolume {
 // then the n-th device write failing, n = 1, 2, ... until it succeeds. Each
 // failure must return MORV_ERR_NO_MEMORY or MORV_ERR_IO as the kind says and
 // leave the image, once flushed, byte for byte as before; after each kind
-// the volume is reopened to drop the successful run, except after the last,
+// the volume is reopened on the image as it was to drop the successful run
+// (the cache and what it wrote to the device), except after the last,
 // whose success stays. Returns the number of failures delivered.
 template <typename Op>
 uint64_t fail_each_unchanged(Volume& v, Op op) {
@@ -89,7 +94,7 @@ uint64_t fail_each_unchanged(Volume& v, Op op) {
         return failures;
       }
     }
-    if (kind != MORV_SEAM_WRITE) v.reopen();
+    if (kind != MORV_SEAM_WRITE) v.reopen(&before);
   }
   return failures;
 }

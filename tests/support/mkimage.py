@@ -102,6 +102,9 @@ CORRUPTIONS = (
     "block-size", "volume-beyond-device",
 )
 
+# The root's private folder, which holds the indirect node files of hard links.
+PRIVATE_FOLDER = "\0\0\0\0HFS+ Private Data"
+
 NODE_DESC = struct.Struct(">IIbBHH")
 EXTENT_KEY = struct.Struct(">HBBII")
 
@@ -231,11 +234,13 @@ def folder_record(cnid, valence, flags, folder_count):
             + bytes(32) + struct.pack(">II", 0, folder_count))
 
 
-def file_record(cnid, data_fork=None):
+def file_record(cnid, data_fork=None, rsrc_fork=None, special=0, codes=bytes(8), mode=0o100644):
+    """A file record; `special` is permissions.special (an indirect node
+    file's link count, a hard link's iNodeNum), `codes` fdType + fdCreator."""
     return (struct.pack(">HHII5I", REC_FILE, FILE_THREAD_EXISTS, 0, cnid, *([HFS_TIME] * 5))
-            + struct.pack(">IIBBHI", 0, 0, 0, 0, 0o100644, 0)
-            + bytes(32) + struct.pack(">II", 0, 0)
-            + (data_fork or bytes(80)) + bytes(80))
+            + struct.pack(">IIBBHI", 0, 0, 0, 0, mode, special)
+            + codes + bytes(24) + struct.pack(">II", 0, 0)
+            + (data_fork or bytes(80)) + (rsrc_fork or bytes(80)))
 
 
 def thread_record(kind, parent, units):
@@ -444,6 +449,12 @@ class Volume:
             raise BuildError("--fragmented-files %d exceeds --files %d" % (o.fragmented_files, o.files))
         if o.fragmented_files and o.file_fragments < 1:
             raise BuildError("--fragmented-files needs --file-fragments of at least 1")
+        if min(o.resource_fragments, o.hard_links, o.hard_link_number) < 0 or o.hard_link_number >> 32:
+            raise BuildError("--resource-fragments, --hard-links and --hard-link-number must not be "
+                             "negative, and a link number fits in 32 bits")
+        if o.hard_links and (o.files < 1 or o.hfsx or o.name_length):
+            raise BuildError("--hard-links needs --files 1 or more, no --name-length and no "
+                             "--hfsx (whose binary order cannot place the private folder's name)")
         if o.name_length > 255:
             raise BuildError("--name-length must not exceed 255")
         self.binary = o.hfsx
@@ -487,6 +498,10 @@ class Volume:
             valence[parent] += 1
             names.append((parent, ("File %06d" if i % 2 else "file %06d") % i, "file", cnid))
             cnid += 1
+        self.links = {}
+        self.link_count = {}
+        if o.hard_links:
+            cnid = self.add_hard_links(names, valence, subfolders, folder_ids, cnid)
         self.next_cnid = cnid
         self.names = names
         longest = max((len(n[1]) for n in names), default=0)
@@ -510,7 +525,7 @@ class Volume:
             entries.append((order(parent, name), catalog_key(parent, name),
                             folder_record(cid, valence[cid], HAS_FOLDER_COUNT if hfsx else 0,
                                           subfolders[cid] if hfsx else 0)
-                            if kind == "folder" else ("file", cid)))
+                            if kind == "folder" else (kind, cid)))
             entries.append(((cid, ""), catalog_key(cid, ""),
                             thread_record(REC_FOLDER_THREAD if kind == "folder" else REC_FILE_THREAD,
                                           parent, name)))
@@ -519,6 +534,30 @@ class Volume:
             if a[0] == b[0]:
                 raise BuildError("two catalog keys compare equal: %r" % (a[1],))
         return entries
+
+    def add_hard_links(self, names, valence, subfolders, folder_ids, cnid):
+        """--hard-links N: the first file becomes the indirect node file
+        "iNode<its CNID>" of the root's private folder, and N link records
+        ("link N" in the root) name it, as Mac OS makes them."""
+        private = cnid
+        names.append((CNID_ROOT, PRIVATE_FOLDER, "folder", private))
+        valence[CNID_ROOT] += 1
+        subfolders[CNID_ROOT] += 1
+        valence[private] = subfolders[private] = 0
+        folder_ids.append(private)
+        first = next(i for i, n in enumerate(names) if n[2] == "file")
+        parent, _, _, target = names[first]
+        number = self.o.hard_link_number or target
+        names[first] = (private, "iNode%d" % number, "file", target)
+        valence[parent] -= 1
+        valence[private] += 1
+        for j in range(self.o.hard_links):
+            cnid += 1
+            names.append((CNID_ROOT, "link %d" % j, "link", cnid))
+            valence[CNID_ROOT] += 1
+            self.links[cnid] = number
+        self.link_count = {target: self.o.hard_links}
+        return cnid + 1
 
     def catalog_plan(self, entries, free, min_total=0):
         o = self.o
@@ -603,10 +642,14 @@ class Volume:
         # Extents overflow records: catalog fragments past the eighth, then the
         # fragmented files' extents past their eighth.
         ext_count = -(-max(0, nfrag - 8) // 8)
-        frag_files = [e[2][1] for e in entries if isinstance(e[2], tuple)]
+        frag_files = [e[2][1] for e in entries if isinstance(e[2], tuple) and e[2][0] == "file"]
         frag_files = sorted(frag_files)[:o.fragmented_files]
         k = o.file_fragments
-        ext_count += len(frag_files) * (-(-max(0, k - 8) // 8))
+        # --varied-fragments: fragmented file j has 1 + j mod k fragments.
+        counts = {cid: 1 + j % k if o.varied_fragments else k for j, cid in enumerate(frag_files)}
+        rk = o.resource_fragments if frag_files else 0
+        records = lambda n: -(-max(0, n - 8) // 8)
+        ext_count += sum(records(n) + records(rk) for n in counts.values())
         ext_free = o.free_extents_nodes if o.free_extents_nodes is not None else 8
         ext_plan = TreePlan([12] * ext_count, [64] * ext_count, ext_ns, False,
                             EXTENTS_MAX_KEY, ext_free, max(1, bs // ext_ns), 0, self.rng())
@@ -631,14 +674,20 @@ class Volume:
             cat_exts.append((blk, s))
             blk += s
         file_exts = {}
+        rsrc_exts = {}
         if frag_files:
             blk += 1
         for cid in frag_files:
             file_exts[cid] = []
-            for _ in range(k):
+            for _ in range(counts[cid]):
                 file_exts[cid].append((blk, 1))
                 blk += 2
+            rsrc_exts[cid] = []
+            for _ in range(rk):
+                rsrc_exts[cid].append((blk, 1))
+                blk += 2
         used += cat_exts + [e for v in file_exts.values() for e in v]
+        used += [e for v in rsrc_exts.values() for e in v]
         # The last 1024 bytes of the blocks hold the alternate volume header
         # (and a reserved sector); they are always allocated.
         alt_first = (tb * bs - 1024) // bs
@@ -655,15 +704,16 @@ class Volume:
         # Extents overflow records.
         ext_recs = []
 
-        def overflow(file_id, extents):
+        def overflow(file_id, extents, fork_type=0):
             for start in range(8, len(extents), 8):
                 fork_block = sum(c for _, c in extents[:start])
-                ext_recs.append((EXTENT_KEY.pack(10, 0, 0, file_id, fork_block),
+                ext_recs.append((EXTENT_KEY.pack(10, fork_type, 0, file_id, fork_block),
                                  fork_data(0, 0, 0, extents[start:start + 8])[16:]))
 
         overflow(CNID_CATALOG, cat_exts)
         for cid in frag_files:
             overflow(cid, file_exts[cid])
+            overflow(cid, rsrc_exts[cid], 0xFF)
         ext_recs.sort(key=lambda r: struct.unpack(">IBI", r[0][4:8] + r[0][2:3] + r[0][8:12]))
         assert len(ext_recs) == ext_count
 
@@ -672,11 +722,13 @@ class Volume:
         datas = []
         for _, key, data in entries:
             keys.append(key)
-            if isinstance(data, tuple):
+            if isinstance(data, tuple) and data[0] == "link":
+                data = file_record(data[1], special=self.links[data[1]], codes=b"hlnkhfs+", mode=0)
+            elif isinstance(data, tuple):
                 cid = data[1]
-                exts = file_exts.get(cid)
-                fork = fork_data(len(exts) * bs, bs, len(exts), exts) if exts else None
-                data = file_record(cid, fork)
+                forks = [fork_data(len(e) * bs, bs, len(e), e) if e else None
+                         for e in (file_exts.get(cid), rsrc_exts.get(cid))]
+                data = file_record(cid, *forks, special=self.link_count.get(cid, 0))
             datas.append(data)
 
         cat = serialize_tree(cat_plan, keys, datas, True, CATALOG_MAX_KEY,
@@ -701,8 +753,8 @@ class Volume:
         }
         self.cat_plan, self.ext_plan = cat_plan, ext_plan
         self.cat, self.ext, self.bitmap = cat, ext, bitmap
-        self.file_count = o.files
-        self.folder_count = o.folders
+        self.file_count = o.files + o.hard_links
+        self.folder_count = o.folders + (1 if o.hard_links else 0)
         self.apply_tree_corruption()
         return self
 
@@ -920,6 +972,8 @@ class Volume:
         out = []
         for _, _, kind, cid in self.names:
             entry = {"path": path(cid), "cnid": cid, "type": kind}
+            if kind == "link":
+                entry["number"] = self.links[cid]
             if kind == "file":
                 exts = self.file_exts.get(cid, [])
                 digest = hashlib.sha256()
@@ -980,6 +1034,18 @@ def parse_args(argv):
                    help="free extents overflow nodes (default 8, rounded up to whole blocks)")
     p.add_argument("--fragmented-files", type=int, default=0)
     p.add_argument("--file-fragments", type=int, default=0)
+    p.add_argument("--varied-fragments", action="store_true",
+                   help="fragmented file j has 1 + j mod --file-fragments one-block fragments "
+                   "(default: every one has --file-fragments)")
+    p.add_argument("--resource-fragments", type=int, default=0,
+                   help="every fragmented file also has a resource fork of this many one-block "
+                   "fragments")
+    p.add_argument("--hard-links", type=int, default=0,
+                   help="the first file becomes the indirect node file iNode<CNID> of the root's "
+                   "private folder, named by this many hard links \"link N\" in the root")
+    p.add_argument("--hard-link-number", type=int, default=0,
+                   help="the hard links carry this number and their file is iNode<number>, as "
+                   "Linux makes them (default: the file's CNID, as Mac OS does)")
     p.add_argument("--nesting", type=int, default=1,
                    help="folders form chains of this many, each inside the previous "
                    "(default 1: all folders directly in the root)")
