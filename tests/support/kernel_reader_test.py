@@ -4,7 +4,10 @@ list exactly what the image builder says it made (HFS+ and HFSX, several
 block and node sizes, fragmented files with overflow extents, a catalog in
 many fragments), refuse a damaged volume with a log line, and leave a volume
 it changed (files, folders, a symbolic link, a hard link, deletions) clean
-under the volume checker.
+under the volume checker. The library and the kernel read each other's
+changes: the kernel lists what the library's deletions and symbolic links
+left (through tests/support/catalog_probe.cpp, named by MORV_CATALOG_PROBE),
+and the library follows the hard links the kernel made.
 
 Exit status 77 (a skip) when qemu or the kernel cannot be provisioned, unless
 MORV_KERNEL_REQUIRED is set: then that is a failure."""
@@ -45,6 +48,16 @@ BIG = bytes(range(256)) * 41 + b"tail"
 LONG_TARGET = "/".join(["deep"] * 120)     # more than one 512-byte block
 
 
+PROBE = os.environ.get("MORV_CATALOG_PROBE")
+# Files with data in 1 to 12 one-block extents and a 9-block resource fork
+# (overflow records for both), nested folders, empty files.
+LIBRARY_SHAPE = ["--files", "30", "--folders", "4", "--nesting", "2", "--fragmented-files", "12",
+                 "--file-fragments", "12", "--varied-fragments", "--resource-fragments", "9"]
+# Symbolic link targets as given and as the kernel must read them back.
+LINK_TARGETS = {"file 000010": "file 000010", "/folder 1/folder 2": "/folder 1/folder 2",
+                "back\\slash": "back/slash", "caf\u00e9/" + "x" * 249: "caf\u00e9/" + "x" * 249}
+
+
 def sha(data):
     return hashlib.sha256(data).hexdigest()
 
@@ -57,6 +70,76 @@ def build(path, shape, *extra):
            "--fragmented-files", str(frag), "--file-fragments", str(frags), "--file-data",
            "--info", "--info-entries"] + (["--hfsx"] if hfsx else []) + more + list(extra)
     return json.loads(subprocess.run(cmd, capture_output=True, text=True, check=True).stdout)
+
+
+def builder(path, *args):
+    cmd = [sys.executable, os.path.join(HERE, "mkimage.py"), path, "--size", str(8 * MiB),
+           "--label", "library", "--file-data", "--info", "--info-entries"] + list(args)
+    return json.loads(subprocess.run(cmd, capture_output=True, text=True, check=True).stdout)
+
+
+def probe(image, *args):
+    """Runs catalog_probe; its standard output, or an AssertionError."""
+    done = subprocess.run([PROBE, image] + list(args), capture_output=True, text=True)
+    if done.returncode:
+        raise AssertionError("catalog_probe %r failed:\n%s" % (args, done.stderr))
+    return done.stdout
+
+
+class LibraryPlan:
+    """What the library changes before the boot (deletions of files with
+    both forks in many extents, of a folder once emptied, of a Mac OS hard
+    link; symbolic links), what the kernel must list then, and a volume on
+    which the kernel makes hard links for the library to follow afterwards.
+    Every volume the library changed must be clean under the checker."""
+
+    def __init__(self, tmp, batch):
+        self.unclean = []
+        self.changed = os.path.join(tmp, "library.img")
+        info = builder(self.changed, *LIBRARY_SHAPE)
+        self.want, self.cnids = built(info)
+        files = [e for e in info["entries"] if e["type"] == "file"]
+        gone = [e["path"] for e in files if e["size"] and e["cnid"] % 2]
+        leaf = "/folder 3/folder 4"
+        gone += [e["path"] for e in files if os.path.dirname(e["path"]) == leaf and e["path"] not in gone]
+        gone.append(leaf)
+        empty = [e["path"] for e in files if not e["size"] and e["path"] not in gone]
+        self.targets = dict(zip(empty, LINK_TARGETS.values()))
+        steps = [("delete", p) for p in gone]
+        steps += [("symlink", p, t) for p, t in zip(empty, LINK_TARGETS)]
+        probe(self.changed, *[a for step in steps for a in step])
+        for p in gone:
+            self.want[os.path.dirname(p)][1] -= 1
+            del self.want[p]
+        for p, t in self.targets.items():
+            self.want[p] = ["symlink", len(t.encode()), None]
+        self.check(self.changed)
+        self.listed = batch.list(self.changed)
+
+        # Mac OS hard links: "link 0" goes, "link 1" stays with the file.
+        self.mac = os.path.join(tmp, "mac-links.img")
+        info = builder(self.mac, "--files", "3", "--fragmented-files", "1", "--file-fragments", "10",
+                       "--hard-links", "2")
+        node = next(e for e in info["entries"] if e["path"].endswith("/iNode16"))
+        probe(self.mac, "delete", "/link 0")
+        self.check(self.mac)
+        self.mac_want = {"/": ["dir", 6, None], "/File 000001": ["file", 0, sha(b"")],
+                         "/file 000002": ["file", 0, sha(b"")],
+                         "/link 1": ["file", node["size"], node["sha256"]]}
+        self.mac_listed = batch.list(self.mac)
+
+        # Linux hard links to a file with both forks in overflow records.
+        self.linked = os.path.join(tmp, "kernel-links.img")
+        self.linked_info = builder(self.linked, "--files", "4", "--folders", "1", "--fragmented-files",
+                                   "1", "--file-fragments", "12", "--resource-fragments", "9")
+        self.links = ["/file 000000", "/hard a", "/folder 1/hard b"]
+        self.linking = batch.change(self.linked, [("link", self.links[0], p) for p in self.links[1:]])
+        self.linked_listed = batch.list(self.linked)
+
+    def check(self, path):
+        found = checker(path)
+        if found.returncode:
+            self.unclean.append((path, found.stdout + found.stderr))
 
 
 def header_free_blocks(path):
@@ -147,6 +230,7 @@ class KernelReader(unittest.TestCase):
             shutil.copy(os.path.join(cls.tmp, shape + ".img"), path)
             plan = change_plan(cls.info[shape])
             cls.changed[shape] = (path, plan, batch.change(path, plan[0]), batch.list(path))
+        cls.library = LibraryPlan(cls.tmp, batch) if PROBE else None
         cls.result = r = batch.run()
         print("kernel %s: %.1f s wall, %.2f s to init, %.2f s to disks ready; per operation: %s"
               % (r["kernel"], r["wall_seconds"], r["init_seconds"] or 0, r["boot_seconds"] or 0,
@@ -235,6 +319,37 @@ class KernelReader(unittest.TestCase):
                 self.assertRegex(checker(img.path).stdout,
                                  r"^catalog file \d+ \(\d+, 'iNode\d+'\): link count 3, "
                                  r"but 2 hard links name it\n$")
+
+
+    def test_the_library_and_the_kernel_read_each_others_changes(self):
+        if self.library is None:
+            self.skipTest("MORV_CATALOG_PROBE names no catalog_probe")
+        lib = self.library
+        self.assertEqual(lib.unclean, [])
+        listing = self.op(lib.listed)
+        self.assertEqual(seen(listing), lib.want)
+        e = listing["entries"]
+        self.assertEqual({p: e[p]["target"] for p in lib.targets}, lib.targets)
+        kept = [p for p in lib.want if p in lib.cnids]
+        self.assertEqual({p: e[p]["inode"] for p in kept}, {p: lib.cnids[p] for p in kept})
+
+        mac = self.op(lib.mac_listed)
+        self.assertEqual(seen(mac), lib.mac_want)
+        self.assertEqual((mac["entries"]["/link 1"]["inode"], mac["entries"]["/link 1"]["links"]), (16, 1))
+
+        self.assertEqual([s["status"] for s in self.op(lib.linking)["steps"]], [0, 0])
+        linked = self.op(lib.linked_listed)["entries"]
+        node = linked[lib.links[0]]["inode"]
+        self.assertEqual([linked[p]["inode"] for p in lib.links], [node] * 3)
+        self.assertEqual([linked[p]["links"] for p in lib.links], [3] * 3)
+        size = 12 * 4096
+        follow = [a for p in lib.links for a in ("follow", p, "size", p)]
+        self.assertEqual(probe(lib.linked, *follow).split(), [str(node), str(size)] * 3)
+        # The last link takes the indirect node file and its blocks with it.
+        probe(lib.linked, *[a for p in lib.links for a in ("delete", p)])
+        check = checker(lib.linked)
+        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
+        self.assertEqual(header_free_blocks(lib.linked), lib.linked_info["free_blocks"] + 12 + 9)
 
 
 def main():
