@@ -1,4 +1,5 @@
-// The catalog: key order, record locators, lookups, insertion and renaming.
+// The catalog: key order, record locators, lookups, insertion, renaming,
+// deletion, file sizes, and symbolic and hard links.
 //
 // A catalog record locator wraps one engine record locator and may hold a
 // counted reference on a parent locator (the record it was reached from).
@@ -981,11 +982,12 @@ bool key_named(const morv_btree_record_locator* r, const uint8_t* name, uint16_t
   morv::scope_exit close_cur([&] {
     if (cur) morv_catalog_record_locator_close(&cur);
   });
-  // Without the thread the search stopped at the first record behind it.
+  // Without the thread the search stopped near where it would be.
   for (bool look_here = !root.exact_match; cur; look_here = true) {
+    uint32_t parent = 0;
     if (look_here) {
-      if (!is_child_of(cur, kRootFolderCnid)) break;
-      if (key_named(cur->btree_locator, name, length)) {
+      if (!key_parent(cur->btree_locator, &parent) || parent > kRootFolderCnid) break;
+      if (parent == kRootFolderCnid && key_named(cur->btree_locator, name, length)) {
         out->exact_match = 1;
         out->after_last_record = 0;
         out->locator = cur;
@@ -1018,22 +1020,38 @@ bool key_named(const morv_btree_record_locator* r, const uint8_t* name, uint16_t
   return MORV_OK;
 }
 
+// The name of indirect node file `number`, "iNode<number>", as text and as
+// big-endian units.
+struct indirect_node_name {
+  explicit indirect_node_name(uint32_t number) {
+    const int n = snprintf(text, sizeof text, "%s%lu", kIndirectNodePrefix, morv_ul(number));
+    length = static_cast<uint16_t>(n > 0 ? n : 0);
+    for (size_t i = 0; i < length; ++i) store_be16(units + 2 * i, static_cast<uint8_t>(text[i]));
+  }
+  char text[sizeof kIndirectNodePrefix + 10];
+  uint8_t units[2 * sizeof text];
+  uint16_t length;
+};
+
+// Whether a thread record names indirect node file `name` (in any folder).
+bool thread_named(const morv_catalog_record_locator* thread, const indirect_node_name& name) {
+  const morv_btree_record_locator* t = thread->btree_locator;
+  return t->data_size >= catalog::kThreadFixedSize + 2 * size_t{name.length} &&
+         load_be16(t->data + catalog::kThreadName) == name.length &&
+         memcmp(t->data + catalog::kThreadFixedSize, name.units, 2 * size_t{name.length}) == 0;
+}
+
 // Looks up "iNode<number>" in the private folder.
-[[nodiscard]] morv_err find_indirect_node(morv_catalog* catalog, uint32_t number,
+[[nodiscard]] morv_err find_indirect_node(morv_catalog* catalog, const indirect_node_name& name,
                                           morv_catalog_search_result* result) {
   uint32_t folder = 0;
   if (morv_err err = find_private_folder(catalog, &folder)) return err;
   if (folder == 0) {
-    MORV_ERROR("Hard link target iNode%lu not found: the volume has no private metadata folder.\n",
-               morv_ul(number));
+    MORV_ERROR("Hard link target %s not found: the volume has no private metadata folder.\n", name.text);
     return MORV_ERR_CORRUPT;
   }
-  char text[sizeof kIndirectNodePrefix + 10];
-  const int length = snprintf(text, sizeof text, "%s%lu", kIndirectNodePrefix, morv_ul(number));
-  uint8_t name[2 * sizeof text];
-  for (int i = 0; i < length; ++i) store_be16(name + 2 * i, static_cast<uint8_t>(text[i]));
   uint8_t key[catalog::kKeyBufferSize];
-  build_key(key, folder, name, static_cast<size_t>(length));
+  build_key(key, folder, name.units, name.length);
   morv_catalog_search_result found;
   morv_catalog_search_result_init(&found);
   if (morv_err err = morv_catalog_search_node(catalog, key, &found)) {
@@ -1042,7 +1060,7 @@ bool key_named(const morv_btree_record_locator* r, const uint8_t* name, uint16_t
   }
   if (!found.locator || !found.exact_match) {
     morv_catalog_search_result_release(&found);
-    MORV_ERROR("Hard link target %s not found in the private metadata folder.\n", text);
+    MORV_ERROR("Hard link target %s not found in the private metadata folder.\n", name.text);
     return MORV_ERR_CORRUPT;
   }
   *result = found;
@@ -1071,14 +1089,18 @@ morv_err morv_catalog_follow_hard_link(morv_catalog* catalog, const morv_catalog
     MORV_CRITICAL("Unexpected: morv_catalog_search_node returned NULL locator but no error.\n");
     return MORV_ERR_INTERNAL;
   }
-  if (!thread.exact_match) return find_indirect_node(catalog, number, result);
+  // A thread is taken only when it names the indirect node file: the
+  // number of a link made by Linux may be some other item's CNID.
+  const indirect_node_name name(number);
   uint16_t type = 0;
-  if (morv_err err = read_record_type(thread.locator, &type)) return err;
-  if (type != catalog::kFolderThreadRecord && type != catalog::kFileThreadRecord) {
+  if (thread.exact_match && read_record_type(thread.locator, &type) == MORV_OK &&
+      type != catalog::kFolderThreadRecord && type != catalog::kFileThreadRecord) {
     MORV_ERROR("The record of CNID %lu's thread key is not a thread record (type %hu).\n",
                morv_ul(number), type);
     return MORV_ERR_CORRUPT;
   }
+  if (!thread.exact_match || !thread_named(thread.locator, name))
+    return find_indirect_node(catalog, name, result);
   morv_catalog_search_result target;
   morv_catalog_search_result_init(&target);
   if (morv_err err = morv_catalog_follow_thread(catalog, thread.locator, &target)) {

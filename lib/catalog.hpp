@@ -8,6 +8,11 @@
 // thread and 4 file thread (10 + 2 x name length bytes: type, reserved,
 // parentID, nodeName). A thread record's key is (the item's CNID, empty name),
 // so a thread leads from a CNID to the item's folder or file record.
+//
+// File records that stand for links carry Finder codes: "slnk" "rhap" a
+// symbolic link (its target in the data fork, UTF-8), "hlnk" "hfs+" a hard
+// link to the indirect node file "iNode<number>" of the root's private
+// folder "\0\0\0\0HFS+ Private Data", number in permissions.special.
 #pragma once
 
 #include <cstddef>

@@ -88,9 +88,9 @@ class Image:
         exts = [e for e in struct.iter_unpack(">II", buf[off + 16:off + 80]) if e[1]]
         return size, blocks, exts
 
-    def full_extents(self, fid, exts):
+    def full_extents(self, fid, exts, fork_type=0):
         exts = list(exts)
-        for start, more in sorted(self.overflow.get((fid, 0), [])):
+        for start, more in sorted(self.overflow.get((fid, fork_type), [])):
             assert start == sum(c for _, c in exts), "overflow record out of place"
             exts += more
         return exts
@@ -304,6 +304,30 @@ class MkimageTest(unittest.TestCase):
                     self.assertGreater(s2, s1 + c1)
                 self.assertTrue(all(img.bitmap_bit(s) for s, _ in exts))
         self.assertEqual(fragmented, 40)
+        if os.path.exists(CHECKIMAGE):
+            rc, out = self.checker(path)
+            self.assertEqual(rc, 0, out)
+
+    def test_resource_forks_varied_fragments_and_hard_links(self):
+        # Fragmented file j has 1 + j mod 12 data and 9 resource fragments,
+        # overflow records of both fork types; the first file is the
+        # indirect node file of two hard links that carry its number.
+        path = self.build("r.img", "--size", 8 << 20, "--label", "R", "--files", 14,
+                          "--fragmented-files", 13, "--file-fragments", 12, "--varied-fragments",
+                          "--resource-fragments", 9, "--hard-links", 2, "--hard-link-number", 77)
+        img = Image(path)
+        seen = {}
+        for key, d in img.catalog():
+            if struct.unpack_from(">H", d)[0] != 2:
+                continue
+            cnid, special = struct.unpack_from(">I", d, 8)[0], struct.unpack_from(">I", d, 44)[0]
+            name = "".join(map(chr, key[1]))
+            forks = [img.full_extents(cnid, img.fork(d, off)[2], t) for off, t in ((88, 0), (168, 0xFF))]
+            seen[name] = ([len(e) for e in forks], special, d[48:56])
+        self.assertEqual(seen["iNode77"], ([1, 9], 2, bytes(8)))
+        self.assertEqual([seen["link %d" % i] for i in range(2)], [([0, 0], 77, b"hlnkhfs+")] * 2)
+        self.assertEqual(sorted(v[0] for k, v in seen.items() if k.lower().startswith("file")),
+                         sorted([[0, 0]] + [[1 + j % 12, 9] for j in range(1, 13)]))
         if os.path.exists(CHECKIMAGE):
             rc, out = self.checker(path)
             self.assertEqual(rc, 0, out)

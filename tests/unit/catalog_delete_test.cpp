@@ -263,10 +263,11 @@ TEST(CatalogSymlinks, OneBlockHoldsTheTargetAndRefusalsChangeNothing) {
 TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
   // File 16 is the indirect node file (ten blocks) in the private folder 19,
   // named by links 20-22 in the root: by its CNID, as Mac OS makes them, or,
-  // as Linux makes them, by a number of their own that only its name gives.
+  // as Linux makes them, by a number of their own that only its name gives,
+  // even when that number is another file's CNID (17).
   const std::string shape = "--size 4194304 --label Hard --files 3 --fragmented-files 1 "
                             "--file-fragments 10 --hard-links 3";
-  for (const std::string number : {"", " --hard-link-number 1049797674"}) {
+  for (const std::string number : {"", " --hard-link-number 1049797674", " --hard-link-number 17"}) {
     Volume v(shape + number);
     morv_catalog* cat = v.volume->catalog;
     auto follow = [&](uint32_t link_cnid) {
