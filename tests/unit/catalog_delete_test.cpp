@@ -306,11 +306,12 @@ TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
 
 TEST(CatalogDelete, EveryFailureLeavesTheImageAsItWasAndLeaksNothing) {
   // Folder 16 holds file 18; file 17 is "iNode17" of the private folder 20,
-  // named by link 21; file 19 is empty. Files 17 and 18 have 20 data and 9
-  // resource blocks. Deleted: file 18, then its folder, the only link to
-  // file 17 with the file; file 19 becomes a symbolic link.
-  Volume v("--size 4194304 --label Fail --catalog-node-size 512 --extents-node-size 512 --files 3 --folders 1 --fragmented-files 2 --file-fragments 20 "
-           "--resource-fragments 9 --hard-links 1");
+  // named by links 21 and 22; file 19 is empty. Files 17 and 18 have 20 data
+  // and 9 resource blocks. Deleted: file 18, then its folder, one link (the
+  // link count drops), the other with file 17; file 19 becomes a symbolic
+  // link.
+  Volume v("--size 4194304 --label Fail --catalog-node-size 512 --extents-node-size 512 --files 3 "
+           "--folders 1 --fragmented-files 2 --file-fragments 20 --resource-fragments 9 --hard-links 2");
   const uint32_t free_before = free_blocks(v);
   auto run = [&](auto op) {
     const uint64_t failures = alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
@@ -325,6 +326,7 @@ TEST(CatalogDelete, EveryFailureLeavesTheImageAsItWasAndLeaksNothing) {
   run([](morv_volume* vol) { return delete_record(vol, 18u); });
   run([](morv_volume* vol) { return delete_record(vol, std::vector<std::u16string>{u"folder 1"}); });
   run([](morv_volume* vol) { return delete_record(vol, std::vector<std::u16string>{u"link 0"}); });
+  run([](morv_volume* vol) { return delete_record(vol, 22u); });
   EXPECT_EQ(free_blocks(v), free_before + 2 * 29);
   run([](morv_volume* vol) { return make_symlink(vol, 19, u"folder 1/gone"); });
   EXPECT_EQ(free_blocks(v), free_before + 2 * 29 - 1);
