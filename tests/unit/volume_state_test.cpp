@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "catalog_fixtures.hpp"
+#include "volume_state.hpp"
+
+namespace {
+
+constexpr const char* kBase = "--size 8388608 --label State --files 20";
+constexpr auto kUnset = static_cast<morv_volume_state>(99);
+
+// A volume over a builder image whose bytes `patch` may change first, on a
+// device of `sector_size`.
+struct PatchedVolume {
+  template <typename Patch>
+  PatchedVolume(const std::string& args, Patch patch, uint32_t sector_size = 512) {
+    morv_test::build_image(args, file);
+    auto bytes = file.read_all();
+    patch(bytes);
+    file.write_all(bytes);
+    fd = open(file.path().c_str(), O_RDONLY);
+    EXPECT_EQ(morv_device_create(fd, 1, sector_size, 0, &device), MORV_OK);
+    EXPECT_EQ(morv_volume_create(device, 1, &volume), MORV_OK);
+  }
+  explicit PatchedVolume(const std::string& args) : PatchedVolume(args, [](auto&) {}) {}
+  ~PatchedVolume() {
+    if (volume) morv_volume_destroy(&volume);
+    morv_device_destroy(&device);
+    close(fd);
+  }
+  morv_volume_state state() const {
+    morv_volume_state s = kUnset;
+    EXPECT_EQ(morv_volume_check_state(volume, &s), MORV_OK);
+    return s;
+  }
+  morv_test::TempFile file;
+  int fd = -1;
+  morv_device* device = nullptr;
+  morv_volume* volume = nullptr;
+};
+
+// Byte offsets of a builder image's journal info block and journal header.
+uint64_t info_block_offset(const std::vector<uint8_t>& image) {
+  return uint64_t{load_be32(&image[1024 + vh::kJournalInfoBlock])} *
+         load_be32(&image[1024 + vh::kBlockSize]);
+}
+uint64_t journal_offset(const std::vector<uint8_t>& image) {
+  return load_be64(&image[info_block_offset(image) + 36]);
+}
+
+}  // namespace
+
+TEST(VolumeState, AttributeBitsAndJournalsOfBuilderVolumes) {
+  const struct {
+    const char* options;
+    morv_volume_state expected;
+  } cases[] = {
+      {"", MORV_VOLUME_WRITABLE},
+      {"--journal clean", MORV_VOLUME_WRITABLE},
+      {"--journal clean --journal-byte-order big --block-size 512", MORV_VOLUME_WRITABLE},
+      {"--journal uninitialised", MORV_VOLUME_WRITABLE},
+      {"--journal dirty", MORV_VOLUME_JOURNAL_DIRTY},
+      {"--journal dirty --journal-byte-order big --block-size 1024", MORV_VOLUME_JOURNAL_DIRTY},
+      {"--journal other-device", MORV_VOLUME_JOURNAL_ELSEWHERE},
+      {"--journal damaged", MORV_VOLUME_JOURNAL_DAMAGED},
+      {"--software-lock", MORV_VOLUME_SOFTWARE_LOCKED},
+      {"--inconsistent", MORV_VOLUME_INCONSISTENT},
+      {"--not-unmounted", MORV_VOLUME_NOT_UNMOUNTED},
+      // The first reason that applies is the one reported.
+      {"--software-lock --journal dirty --not-unmounted", MORV_VOLUME_SOFTWARE_LOCKED},
+      {"--journal dirty --inconsistent --not-unmounted", MORV_VOLUME_JOURNAL_DIRTY},
+      {"--journal clean --inconsistent --not-unmounted", MORV_VOLUME_INCONSISTENT},
+      {"--journal uninitialised --not-unmounted", MORV_VOLUME_NOT_UNMOUNTED},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.options);
+    PatchedVolume v(std::string(kBase) + " " + c.options);
+    morv_seam_reset_stats();
+    EXPECT_EQ(v.state(), c.expected);
+    EXPECT_EQ(morv_seam_get_stats().writes, 0u);
+  }
+}
+
+TEST(VolumeState, JournalStructuresOutsideTheVolumeOrWithoutMarkersAreDamaged) {
+  const std::string dirty = std::string(kBase) + " --journal dirty --journal-byte-order big";
+  const auto set_info_block = [](uint32_t block) {
+    return [block](std::vector<uint8_t>& image) {
+      store_be32(&image[1024 + vh::kJournalInfoBlock], block);
+    };
+  };
+  const auto set_journal_offset = [](uint64_t offset) {
+    return [offset](std::vector<uint8_t>& image) {
+      store_be64(&image[info_block_offset(image) + 36], offset);
+    };
+  };
+  const auto set_info_flags = [](uint32_t flags) {
+    return [flags](std::vector<uint8_t>& image) { store_be32(&image[info_block_offset(image)], flags); };
+  };
+  const auto patch_header = [](size_t field, uint32_t value) {
+    return [field, value](std::vector<uint8_t>& image) {
+      store_be32(&image[journal_offset(image) + field], value);
+    };
+  };
+  const uint64_t volume_bytes = 8388608;
+  EXPECT_EQ(PatchedVolume(dirty, set_info_block(0)).state(), MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, set_info_block(2048)).state(), MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, set_info_block(0xFFFFFFFF)).state(), MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, set_journal_offset(volume_bytes - 23)).state(),
+            MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, set_journal_offset(~uint64_t{0} - 7)).state(),
+            MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, patch_header(0, 0x784C4E4A)).state(), MORV_VOLUME_JOURNAL_DAMAGED);
+  EXPECT_EQ(PatchedVolume(dirty, patch_header(4, 0x12345679)).state(), MORV_VOLUME_JOURNAL_DAMAGED);
+  // Neither "in this file system" nor "on another device": not here either.
+  EXPECT_EQ(PatchedVolume(dirty, set_info_flags(0)).state(), MORV_VOLUME_JOURNAL_ELSEWHERE);
+  EXPECT_EQ(PatchedVolume(dirty, set_info_flags(0x6)).state(), MORV_VOLUME_WRITABLE);
+
+  // A header at an offset that is not sector-aligned and crosses a sector
+  // boundary is still read where the info block says, on any sector size.
+  const auto move_header = [](std::vector<uint8_t>& image) {
+    const uint64_t from = journal_offset(image);
+    std::copy_n(&image[from], 512, &image[from + 1000]);
+    std::fill_n(&image[from], 512, 0);
+    store_be64(&image[info_block_offset(image) + 36], from + 1000);
+  };
+  for (uint32_t sector_size : {512u, 4096u}) {
+    EXPECT_EQ(PatchedVolume(dirty, move_header, sector_size).state(), MORV_VOLUME_JOURNAL_DIRTY);
+  }
+}
+
+TEST(VolumeState, FailedReadsAreErrorsAndLeaveTheStateUnwritten) {
+  // The header lies inside the volume but past the end of a shortened image.
+  PatchedVolume shortened(std::string(kBase) + " --journal clean", [](std::vector<uint8_t>& image) {
+    store_be64(&image[info_block_offset(image) + 36], 8388608 - 512);
+    image.resize(8388608 - 4096);
+  });
+  morv_volume_state state = kUnset;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(morv_volume_check_state(shortened.volume, &state), MORV_ERR_IO);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Error while reading the journal header.\n"),
+            std::string::npos);
+  EXPECT_EQ(state, kUnset);
+
+  PatchedVolume v(std::string(kBase) + " --journal dirty");
+  for (unsigned ops : {unsigned{MORV_SEAM_ALLOC}, unsigned{MORV_SEAM_READ}}) {
+    uint64_t n = 1;
+    for (;; ++n) {
+      state = kUnset;
+      morv_seam_fail_at(ops, n);
+      testing::internal::CaptureStderr();
+      const morv_err err = morv_volume_check_state(v.volume, &state);
+      const std::string log = testing::internal::GetCapturedStderr();
+      if (!morv_seam_failure_delivered()) {
+        EXPECT_EQ(err, MORV_OK) << log;
+        EXPECT_EQ(state, MORV_VOLUME_JOURNAL_DIRTY);
+        break;
+      }
+      EXPECT_EQ(err, ops == MORV_SEAM_ALLOC ? MORV_ERR_NO_MEMORY : MORV_ERR_IO) << "n=" << n;
+      EXPECT_EQ(state, kUnset);
+    }
+    EXPECT_EQ(n, 3u);  // the info block, then the journal header
+  }
+  morv_seam_fail_at(0, 0);
+}
