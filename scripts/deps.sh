@@ -3,6 +3,8 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
           g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
+# The manual page's lint and rendering, installing and packaging.
+packages+=(mandoc man-db pkgconf dpkg-dev file)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
