@@ -11,7 +11,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "catalog.hpp"
 #include "btree.hpp"
@@ -33,6 +37,8 @@ constexpr const char* kMountTable = "/proc/mounts";
 // A mount's source is at most 4095 bytes, and the mount table writes each in
 // at most four, so a line's first field always fits.
 constexpr size_t kMountTableBufferSize = 4 * 4096 + 64;
+// Allocations up to this size come from the heap rather than a mapping each.
+constexpr int kHeapAllocationLimit = 4 << 20;
 
 // 0 = raw (the stored, decomposed units), 1 = composed.
 int g_output_mode = 0;
@@ -57,6 +63,36 @@ morv_err label_to_host_units(const morv_volume* volume, uint16_t* out, size_t* o
     return MORV_ERR_OVERFLOW;
   }
   return MORV_OK;
+}
+
+// The fork cache takes its items 1 MiB at a time. glibc gives every block of
+// 128 KiB or more a mapping of its own, and mapping, faulting in and
+// unmapping the four that printing needs costs about a quarter of the time
+// printing spends after exec; from the heap they cost nothing extra.
+void keep_cache_items_on_the_heap() {
+#if defined(__GLIBC__)
+  (void)mallopt(M_MMAP_THRESHOLD, kHeapAllocationLimit);
+#endif
+}
+
+// Writes the first `length` bytes of `text` (fewer if a NUL comes first, as
+// "%.*s" would) and a newline to standard output in one writev: setting up
+// stdio's stream costs more than the write itself. A failed write is not
+// reported, as an unflushed printf's is not.
+void print_line(const char* text, size_t length) {
+  const size_t shown = strnlen(text, length);
+  const size_t total = shown + 1;
+  size_t done = 0;
+  while (done < total) {
+    iovec parts[2];
+    int count = 0;
+    if (done < shown) parts[count++] = {const_cast<char*>(text + done), shown - done};
+    parts[count++] = {const_cast<char*>("\n"), 1};
+    const ssize_t n = writev(STDOUT_FILENO, parts, count);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
 }
 
 // ---- The mount table ----
@@ -164,7 +200,7 @@ morv_err morvlabel_print_label(morv_volume* volume) {
     return err;
   }
   morv::buffer<char> owned_utf8(utf8);
-  printf("%.*s\n", static_cast<int>(utf8_length), utf8);
+  print_line(utf8, utf8_length);
   return MORV_OK;
 }
 
@@ -262,6 +298,7 @@ int main(int argc, char** argv) {
   morv_volume* volume = nullptr;
   morv_catalog_search_result search_result;
   morv_catalog_search_result_init(&search_result);
+  keep_cache_items_on_the_heap();
 
   do {
     if (argc < 2 || argc > 4) {
