@@ -6,7 +6,9 @@
 // The label is the name of the root folder (CNID 2). Printing opens the device
 // read-only under a shared advisory lock and never writes; changing it opens
 // the device read/write under an exclusive lock, renames the root folder in
-// the catalog and writes back only the catalog's modified sectors.
+// the catalog and writes back only the catalog's modified sectors. A change
+// is refused, before anything is written, when the volume's own state makes
+// it unsafe (locked, journal not replayed, inconsistent, not unmounted).
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -108,6 +108,14 @@ class CommandLine(ImageCase):
                     self.skipTest("mounting is not permitted here")
                 self.assertEqual(result.returncode, 1 if refused else 0, result.stderr)
                 self.assertEqual(result.stdout, b"" if refused else b"Listed\n")
+        # A table that opens but cannot be read (here the process's memory,
+        # whose first page is unmapped) leaves the mount state unknown: the
+        # run stops as if the table could not be opened.
+        script = 'mount --bind /proc/$$/mem /proc/$$/mounts || exit 99; exec "$@"'
+        result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh"] + EMULATOR + [TOOL, image],
+                                capture_output=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (1, b"", b"Error while opening /proc/mounts for reading: Input/output error (5)\n"))
 
     def test_output_mode_is_ignored_when_changing(self):
         image = self.path()
