@@ -40,7 +40,11 @@ Layout choices made here (all allowed by the format):
     (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
   * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
 --info prints a JSON summary (tree depths, node counts, root node numbers,
-catalog extents) for tests that need to know the shape they got.
+catalog extents) for tests that need to know the shape they got; with
+--info-entries it also lists every folder and file (path, CNID, size, SHA-256
+of the data fork).  --file-data fills the blocks of the fragmented files with
+a pattern naming the file and the block (see file_block), so that a reader
+that maps a fork block to the wrong place reads the wrong bytes.
 Errors go to stderr with exit status 1.
 """
 
@@ -419,6 +423,13 @@ def node_records(buf, ns, node):
 
 # ---------------------------------------------------------------- volume
 
+def file_block(cnid, index, block_size):
+    """Block `index` of the data fork of file `cnid` under --file-data: the
+    two numbers in hex, repeated."""
+    unit = b"%07x:%07x\n" % (cnid, index)
+    return (unit * (block_size // len(unit) + 1))[:block_size]
+
+
 def power_of_two(n):
     return n > 0 and n & (n - 1) == 0
 
@@ -498,6 +509,8 @@ class Volume:
             valence[CNID_ROOT] += 1
             cnid += 1
         self.next_cnid = cnid
+        self.names = names
+        self.journal_names = journal
         longest = max((len(n[1]) for n in names), default=0)
         if o.name_length and o.name_length < longest:
             raise BuildError("--name-length %d is shorter than the generated names (%d units)"
@@ -683,6 +696,7 @@ class Volume:
             in_use += count
         self.free_blocks = tb - in_use
 
+        self.file_exts = file_exts
         self.forks = {
             "allocation": (alloc_blocks * bs, alloc_blocks, [alloc_ext]),
             "extents": (ext_plan.total * ext_ns, ext_blocks, [ext_ext]),
@@ -864,6 +878,11 @@ class Volume:
             for at, data in self.journal_blocks():
                 f.seek(at)
                 f.write(data)
+            if o.file_data:
+                for cid, exts in self.file_exts.items():
+                    for index, (start, _count) in enumerate(exts):
+                        f.seek(start * bs)
+                        f.write(file_block(cid, index, bs))
 
     def info(self):
         def tree(plan):
@@ -876,6 +895,45 @@ class Volume:
                 "next_catalog_id": self.next_cnid,
                 "journal": {role: {"start": s, "blocks": c}
                             for role, (s, c) in self.journal_exts.items()}}
+
+
+    def entries(self):
+        """Every folder and file below the root: path from the root (names
+        as generated, "/" between them), CNID, and for files the data fork's
+        size and SHA-256 (of zeros unless --file-data wrote the blocks)."""
+        bs = self.o.block_size
+        pad = self.o.name_length
+        named = {cid: (parent, name.ljust(pad, "x") if pad else name, kind)
+                 for parent, name, kind, cid in self.names}
+
+        def path(cid):
+            parts = []
+            while cid != CNID_ROOT:
+                parent, name, _ = named[cid]
+                parts.append(name)
+                cid = parent
+            return "/" + "/".join(reversed(parts))
+
+        out = []
+        for _, _, kind, cid in self.names:
+            entry = {"path": path(cid), "cnid": cid, "type": kind}
+            if kind == "file":
+                exts = self.file_exts.get(cid, [])
+                digest = hashlib.sha256()
+                for index in range(len(exts)):
+                    digest.update(file_block(cid, index, bs) if self.o.file_data else bytes(bs))
+                entry["size"] = len(exts) * bs
+                entry["sha256"] = digest.hexdigest()
+            out.append(entry)
+        for _, name, role, cid in self.journal_names:
+            start, count = self.journal_exts[role]
+            data = bytearray(count * bs)
+            for at, block in self.journal_blocks():
+                if start * bs <= at < (start + count) * bs:
+                    data[at - start * bs:at - start * bs + len(block)] = block
+            out.append({"path": "/" + name, "cnid": cid, "type": "file", "size": len(data),
+                        "sha256": hashlib.sha256(data).hexdigest()})
+        return out
 
 
 def journal_checksum(header):
@@ -969,6 +1027,12 @@ def parse_args(argv):
     state.add_argument("--journal-byte-order", choices=("little", "big"), default="little",
                        help="byte order of the journal header (default little, as Intel and "
                        "Apple silicon Macs write it; PowerPC Macs write big)")
+    p.add_argument("--info-entries", action="store_true",
+                   help="with --info, also list every folder and file (path, CNID, "
+                   "type, size and SHA-256 of the data fork)")
+    p.add_argument("--file-data", action="store_true",
+                   help="write a pattern naming the file and block into every block "
+                   "of the fragmented files (default: the blocks read as zeros)")
     o = p.parse_args(argv)
     if not 10 <= o.fill <= 100:
         p.error("--fill must be between 10 and 100")
@@ -991,7 +1055,10 @@ def main(argv=None):
         print("mkimage: %s: %s" % (o.out, e.strerror or e), file=sys.stderr)
         return 1
     if o.info:
-        print(json.dumps(vol.info()))
+        info = vol.info()
+        if o.info_entries:
+            info["entries"] = vol.entries()
+        print(json.dumps(info))
     return 0
 
 
