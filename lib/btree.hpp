@@ -136,10 +136,6 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
 [[nodiscard]] morv_err morv_btree_node_make_record(const uint8_t* key, uint16_t key_length,
                                                    const void* data, uint16_t data_size,
                                                    uint8_t* destination, uint16_t record_size);
-[[nodiscard]] morv_err morv_btree_split_node(morv_btree* tree, uint32_t node_number,
-                                             uint16_t split_index, uint32_t* out_claimed_node);
-[[nodiscard]] morv_err morv_btree_add_index_record(morv_btree* tree, const uint8_t* key,
-                                                   uint8_t height, uint32_t child_node);
 
 // ---- Deletion ----
 
@@ -148,3 +144,17 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
                                                 morv_btree_record_locator* locator);
 [[nodiscard]] morv_err morv_btree_delete_record_internal(morv_btree* tree,
                                                          morv_btree_record_locator* locator);
+
+// ---- Transactions ----
+
+// Every insertion, deletion, node claim and locator data write is all or
+// nothing: it either completes or leaves every byte of the tree's fork cache
+// and every open locator as they were. A client groups several of them into
+// one change the same way: begin, the operations, then end with the result.
+// Operations nest; the outermost end completes the change when `result` and
+// every operation inside succeeded, and otherwise puts the tree back as it
+// stood at the outermost begin (locators opened in between are then marked
+// deleted). An operation that fails inside a transaction dooms it: the
+// client stops and ends it with the failure. End returns the change's result.
+[[nodiscard]] morv_err morv_btree_transaction_begin(morv_btree* tree);
+[[nodiscard]] morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result);

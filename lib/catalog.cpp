@@ -679,9 +679,10 @@ morv_err increment_new_parent(morv_catalog* catalog, uint32_t new_parent, const 
 
 }  // namespace
 
-morv_err morv_catalog_rename_record(morv_catalog* catalog, morv_catalog_record_locator** locator_pointer,
-                                    uint32_t new_parent, const uint16_t* new_name,
-                                    size_t new_name_length) {
+namespace {
+
+morv_err rename_record(morv_catalog* catalog, morv_catalog_record_locator** locator_pointer,
+                       uint32_t new_parent, const uint16_t* new_name, size_t new_name_length) {
   if (!locator_pointer) {
     MORV_ERROR("No catalog record pointer specified.\n");
     return MORV_ERR_INVALID_ARGUMENT;
@@ -750,4 +751,18 @@ morv_err morv_catalog_rename_record(morv_catalog* catalog, morv_catalog_record_l
   }
   return rebuild_thread(catalog, cnid, type == catalog::kFolderRecord, new_parent, new_name,
                         new_name_length);
+}
+
+}  // namespace
+
+// The record's deletion, its insertion under the new key, the valences and
+// the thread record are one change of the catalog tree: a failure anywhere
+// leaves the tree as it was.
+morv_err morv_catalog_rename_record(morv_catalog* catalog, morv_catalog_record_locator** locator_pointer,
+                                    uint32_t new_parent, const uint16_t* new_name,
+                                    size_t new_name_length) {
+  morv_btree* tree = catalog->priv->tree;
+  if (morv_err err = morv_btree_transaction_begin(tree)) return err;
+  return morv_btree_transaction_end(
+      tree, rename_record(catalog, locator_pointer, new_parent, new_name, new_name_length));
 }

@@ -219,6 +219,17 @@ class Changing(ImageCase):
         info = build(image, "Big volume", "--size", 256 << 20, "--files", 50000, "--folders", 200)
         self.change_and_verify(image, info, 4096, 4096, "Fifty thousand \u2603")
 
+    def test_an_absurdly_deep_catalog(self):
+        # 60 index nodes of one record each above the root: every level's
+        # first key changes with the label, once.
+        image = self.path()
+        info = build(image, "Deep", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
+                     "--files", 300, "--catalog-index-chain", 60)
+        self.assertEqual(info["catalog"]["depth"], 64)
+        start = time.monotonic()
+        self.change_and_verify(image, info, 512, 512, "Deeper")
+        self.assertLess(time.monotonic() - start, 60)
+
     def test_labels_too_long_after_decomposition_are_refused(self):
         image = self.path()
         build(image, "Keep", "--size", 4 << 20)
@@ -285,18 +296,31 @@ class Safety(ImageCase):
         self.assertEqual(tool(image).stdout, b"Full\n")
 
     def test_a_label_the_catalog_cannot_hold(self):
-        # A 255-unit name makes 518-byte keys: with 1024-byte nodes the records
-        # and index records that carry it cannot be placed without splitting
-        # the root, and the tree never grows in depth.
-        image = self.path()
-        build(image, "Small nodes", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 1024,
-              "--files", 300, "--folders", 10, "--name-length", 20)
-        before = digest(image)
-        result = tool(image, "B" * 255)
-        self.assertEqual(result.returncode, 1)
-        self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
-        self.assertEqual(digest(image), before)
-        self.assertEqual(tool(image).stdout, b"Small nodes\n")
+        # A 255-unit name makes 518-byte keys. In 512-byte nodes no record can
+        # hold one; in full 1024-byte nodes the index records that carry it
+        # reach the root, which never splits. With 60-unit names the root
+        # still has room for it and the change goes through.
+        cases = ((512, 20, b"Record cannot fit in a node given the B-tree's node size of 512 bytes"),
+                 (1024, 60, b"Unable to split root node.\n"),
+                 (1024, 40, None))
+        for node_size, name_length, refusal in cases:
+            with self.subTest(node_size=node_size, name_length=name_length):
+                image = self.path()
+                build(image, "Small nodes", "--size", 16 << 20, "--block-size", 512,
+                      "--catalog-node-size", node_size, "--files", 400, "--folders", 10,
+                      "--name-length", name_length)
+                before = digest(image)
+                result = tool(image, "B" * 255)
+                if refusal is None:
+                    self.assertEqual(result.returncode, 0, result.stderr)
+                    check(self, image)
+                    self.assertEqual(tool(image).stdout, b"B" * 255 + b"\n")
+                    continue
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(refusal, result.stderr)
+                self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+                self.assertEqual(digest(image), before)
+                self.assertEqual(tool(image).stdout, b"Small nodes\n")
 
     def test_a_change_waits_for_a_reader(self):
         image = self.path()

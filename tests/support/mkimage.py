@@ -270,7 +270,7 @@ class TreePlan:
     and the total node count."""
 
     def __init__(self, key_lens, data_lens, node_size, var_index, max_key_len,
-                 free_nodes, nodes_per_block, min_total=0, rng=None, fill=100):
+                 free_nodes, nodes_per_block, min_total=0, rng=None, fill=100, chain=0):
         ns = node_size
         cap = ns - 14 - 2          # descriptor and the free-space offset
         limit = cap * fill // 100  # a node is filled up to this many bytes
@@ -288,6 +288,10 @@ class TreePlan:
                                  "index records" % ns)
             self.levels.append(groups)
             firsts = [firsts[s] for s, _ in groups]
+        # A valid but absurdly deep tree: index nodes of one record each,
+        # stacked above the root.
+        if sizes:
+            self.levels += [[(0, 1)] for _ in range(chain)]
         if not sizes:
             self.levels = []
         self.used_tree = sum(len(l) for l in self.levels)
@@ -552,7 +556,8 @@ class Volume:
         return TreePlan([len(e[1]) for e in entries],
                         [248 if isinstance(e[2], tuple) else len(e[2]) for e in entries],
                         ns, True, CATALOG_MAX_KEY, free,
-                        max(1, o.block_size // ns), min_total, self.rng(), o.fill)
+                        max(1, o.block_size // ns), min_total, self.rng(), o.fill,
+                        o.catalog_index_chain)
 
     def files_for_depth(self, depth):
         """Smallest power-of-two-ish file count that gives the catalog this depth."""
@@ -1000,6 +1005,8 @@ def parse_args(argv):
     p.add_argument("--name-length", type=int, default=0)
     p.add_argument("--fill", type=int, default=100,
                    help="fill catalog nodes up to this percentage of their room (default 100)")
+    p.add_argument("--catalog-index-chain", type=int, default=0, metavar="N",
+                   help="stack N index nodes of one record each above the catalog's root")
     p.add_argument("--corrupt", choices=CORRUPTIONS)
     p.add_argument("--scatter-nodes", action="store_true",
                    help="place the B-tree nodes at random node numbers (see --seed), "
