@@ -113,6 +113,9 @@ constexpr size_t kNodeStartBytes = 120;  // descriptor + header record of node 0
 }  // namespace hr
 
 constexpr char kLocatorTag[8] = {'m', 'o', 'r', 'v', 'b', 'r', 'l', 'a'};
+// What the client-facing changes say when their lock cannot be released.
+constexpr const char* kReleaseFailed =
+    "Error while releasing write lock for open locators list. Will probably crash now...\n";
 constexpr uint16_t kMinNodeSize = 512;
 constexpr uint16_t kMaxNodeSize = 32768;
 // The longest key of any HFS+ tree (a catalog key: keyLength 516) and its
@@ -2225,23 +2228,15 @@ morv_err morv_btree_insert_record_internal(morv_btree* tree, const uint8_t* key,
 morv_err morv_btree_insert_record(morv_btree* tree, const uint8_t* key, const void* data,
                                   uint16_t data_size, morv_btree_search_result* location,
                                   morv_btree_record_locator** out_locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
   morv_btree_record_locator* locator = nullptr;
   err = morv_btree_insert_record_internal(tree, key, data, data_size, location, &locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) {
-      morv_btree_record_locator_close(&locator);
-      err = unlock_err;
-    }
-  }
+  if (!err && (err = lock.finish(err))) morv_btree_record_locator_close(&locator);
   if (err) return err;
   *out_locator = locator;
   return MORV_OK;
@@ -2415,53 +2410,36 @@ morv_err morv_btree_delete_record_internal(morv_btree* tree, morv_btree_record_l
 }
 
 morv_err morv_btree_delete_record(morv_btree* tree, morv_btree_record_locator* locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
-  err = morv_btree_delete_record_internal(tree, locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) err = unlock_err;
-  }
-  return err;
+  return lock.finish(morv_btree_delete_record_internal(tree, locator));
 }
 
 // ============================================================ transactions (clients)
 
 morv_err morv_btree_transaction_begin(morv_btree* tree) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
   txn_begin(tree);
-  if ((err = morv_rwlock_unlock(lock))) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-  }
-  return err;
+  return lock.finish(MORV_OK);
 }
 
 morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return result ? result : err;
   }
-  result = txn_end(tree, result);
-  if ((err = morv_rwlock_unlock(lock))) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!result) result = err;
-  }
-  return result;
+  return lock.finish(txn_end(tree, result));
 }
 
 // ============================================================ tree growth
@@ -2782,9 +2760,7 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
 }  // namespace
 
 morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume) {
-  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock,
-                    "Error while releasing write lock for open locators list. Will probably crash "
-                    "now...\n");
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
   if (morv_err err = lock.lock_write()) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
