@@ -1272,24 +1272,38 @@ morv_err morv_btree_search_node_internal(morv_btree* tree, const uint8_t* search
   return MORV_OK;
 }
 
-morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
-                                morv_btree_search_result* out_result) {
+namespace {
+
+// Runs a search or a step of iteration under the tree's lock, which both
+// take in write mode because opening a locator changes the open list;
+// `undo` gives back what `op` handed out when the lock cannot be released.
+template <typename Op, typename Undo>
+[[nodiscard]] morv_err under_search_lock(morv_btree* tree, Op op, Undo undo) {
   morv_rwlock* lock = tree->priv->open_locators_lock;
   morv_err err = morv_rwlock_lock_write(lock);
   if (err) {
     MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
     return err;
   }
-  morv_btree_search_result result{};
-  err = morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
+  err = op();
+  if (morv_err unlock_err = morv_rwlock_unlock(lock)) {
     MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
     if (!err) {
-      morv_btree_search_result_release(&result);
+      undo();
       err = unlock_err;
     }
   }
+  return err;
+}
+
+}  // namespace
+
+morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
+                                morv_btree_search_result* out_result) {
+  morv_btree_search_result result{};
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result); },
+      [&] { morv_btree_search_result_release(&result); });
   if (err) return err;
   *out_result = result;
   return MORV_OK;
@@ -1383,22 +1397,10 @@ morv_err morv_btree_get_next_record_internal(morv_btree* tree, morv_btree_record
 
 morv_err morv_btree_get_next_record(morv_btree* tree, morv_btree_record_locator* locator,
                                     morv_btree_record_locator** out_next) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
-  if (err) {
-    MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
-    return err;
-  }
   morv_btree_record_locator* next = nullptr;
-  err = morv_btree_get_next_record_internal(tree, locator, &next);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
-    if (!err) {
-      morv_btree_record_locator_close(&next);
-      err = unlock_err;
-    }
-  }
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_get_next_record_internal(tree, locator, &next); },
+      [&] { morv_btree_record_locator_close(&next); });
   if (err) return err;
   *out_next = next;
   return MORV_OK;
