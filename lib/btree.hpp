@@ -158,3 +158,14 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
 // client stops and ends it with the failure. End returns the change's result.
 [[nodiscard]] morv_err morv_btree_transaction_begin(morv_btree* tree);
 [[nodiscard]] morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result);
+
+// ---- Growth ----
+
+struct morv_volume;
+
+// Grows the tree's file by one clump (morv_fork_expand: blocks from the
+// volume's allocation bitmap) and makes the new nodes free nodes of the
+// tree, chaining a map node when the node bitmap needs room. For a client
+// whose claim failed with MORV_ERR_UNSUPPORTED; the tree must hold no
+// unflushed writes. All or nothing.
+[[nodiscard]] morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume);

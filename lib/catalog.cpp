@@ -37,8 +37,17 @@ catalog_locator_private* priv_of(morv_catalog_record_locator* locator) {
   return static_cast<catalog_locator_private*>(locator->priv);
 }
 
-uint16_t record_type_of(const morv_catalog_record_locator* locator) {
-  return load_be16(locator->btree_locator->data + catalog::kRecordType);
+// The type of the record under `locator`; a record too short to hold one is
+// damaged.
+[[nodiscard]] morv_err read_record_type(const morv_catalog_record_locator* locator,
+                                        uint16_t* type) {
+  const size_t size = locator->btree_locator->data_size;
+  if (size < catalog::kRecordTypeSize) {
+    MORV_ERROR("Catalog record of %zu bytes is too short to hold a record type.\n", size);
+    return MORV_ERR_CORRUPT;
+  }
+  *type = load_be16(locator->btree_locator->data + catalog::kRecordType);
+  return MORV_OK;
 }
 
 // Builds a key (parent, name of `length` big-endian units) in `key`, which
@@ -93,6 +102,22 @@ int morv_catalog_compare_keys(const uint8_t* key_a, const uint8_t* key_b, uint32
   return morv_unicode_compare_names(reinterpret_cast<const uint16_t*>(name_a), name_length_a,
                                     reinterpret_cast<const uint16_t*>(name_b), name_length_b,
                                     binary ? 1 : 0);
+}
+
+morv_err morv_catalog_key_name_length(const uint8_t* key, size_t key_size, uint16_t* name_length) {
+  if (key_size < catalog::kKeyName || size_t{load_be16(key + catalog::kKeyLength)} + 2 > key_size) {
+    MORV_ERROR("Catalog key of %zu bytes is too short for a parent ID and a name length.\n", key_size);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint16_t key_length = load_be16(key + catalog::kKeyLength);
+  const uint16_t length = load_be16(key + catalog::kKeyNameLength);
+  if (catalog::kMinKeyLength + 2 * size_t{length} > key_length) {
+    MORV_ERROR("Catalog key name of %hu units runs past its keyLength of %hu bytes.\n", length,
+               key_length);
+    return MORV_ERR_CORRUPT;
+  }
+  *name_length = length;
+  return MORV_OK;
 }
 
 // ---- Open and destroy ----
@@ -375,14 +400,17 @@ morv_err morv_catalog_follow_thread(morv_catalog* catalog, morv_catalog_record_l
     MORV_ERROR("Thread record of %zu bytes is too small.\n", data_size);
     return MORV_ERR_CORRUPT;
   }
+  size_t name_length = load_be16(data + catalog::kThreadName);
+  if (name_length > (data_size - catalog::kThreadFixedSize) / 2) {
+    MORV_ERROR("Thread record of %zu bytes is too short for its name of %zu units.\n", data_size,
+               name_length);
+    return MORV_ERR_CORRUPT;
+  }
   // Threads are followed even when their name is longer than a name may be,
   // so that the caller sees the over-long name itself; the copy never goes
-  // beyond the record or this buffer.
+  // beyond this buffer.
   constexpr size_t kMaxFollowedName = 1023;
   uint8_t key[catalog::kKeyName + 2 * kMaxFollowedName];
-  size_t name_length = load_be16(data + catalog::kThreadName);
-  if (name_length > (data_size - catalog::kThreadFixedSize) / 2)
-    name_length = (data_size - catalog::kThreadFixedSize) / 2;
   if (name_length > kMaxFollowedName) name_length = kMaxFollowedName;
   store_be16(key + catalog::kKeyLength, static_cast<uint16_t>(catalog::kMinKeyLength + 2 * name_length));
   store_be32(key + catalog::kKeyParentId, load_be32(data + catalog::kThreadParentId));
@@ -410,9 +438,14 @@ morv_err morv_catalog_search_by_cnid(morv_catalog* catalog, uint32_t cnid, int f
     MORV_CRITICAL("Unexpected: morv_catalog_search_node returned NULL locator but no error.\n");
     return MORV_ERR_INTERNAL;
   }
-  const uint16_t type = record_type_of(thread.locator);
-  if (thread.exact_match && follow &&
-      (type == catalog::kFolderThreadRecord || type == catalog::kFileThreadRecord)) {
+  uint16_t type = 0;
+  if (thread.exact_match && follow) {
+    if (morv_err err = read_record_type(thread.locator, &type)) {
+      MORV_ERROR("Error while reading the thread record of CNID %lu.\n", morv_ul(cnid));
+      return err;
+    }
+  }
+  if (type == catalog::kFolderThreadRecord || type == catalog::kFileThreadRecord) {
     morv_catalog_search_result target;
     morv_catalog_search_result_init(&target);
     if (morv_err err = morv_catalog_follow_thread(catalog, thread.locator, &target)) {
@@ -438,9 +471,10 @@ namespace {
 // The folder ID of the folder record under `locator`, checked as the start of
 // a path walk.
 morv_err start_folder_id(morv_catalog_record_locator* locator, uint32_t* folder_id) {
-  const int16_t type = static_cast<int16_t>(record_type_of(locator));
+  uint16_t type = 0;
+  if (morv_err err = read_record_type(locator, &type)) return err;
   if (type != catalog::kFolderRecord) {
-    MORV_ERROR("Invalid argument: 'CatalogRecord' has non-folder type %hd.\n", type);
+    MORV_ERROR("Invalid argument: 'CatalogRecord' has non-folder type %hd.\n", static_cast<int16_t>(type));
     return MORV_ERR_INVALID_ARGUMENT;
   }
   const size_t size = locator->btree_locator->data_size;
@@ -479,7 +513,8 @@ morv_err morv_catalog_search_by_path(morv_catalog* catalog, morv_catalog_compone
   for (bool first = true;; first = false) {
     if (!first) {
       if (found.locator) {
-        const int16_t type = static_cast<int16_t>(record_type_of(found.locator));
+        // Its size was checked when it was found.
+        const int16_t type = static_cast<int16_t>(load_be16(found.locator->btree_locator->data));
         if (type != catalog::kFolderRecord) {
           MORV_ERROR("Unexpected record type for parent directory in lookup: %hd.\n", type);
           return MORV_ERR_INTERNAL;
@@ -502,7 +537,9 @@ morv_err morv_catalog_search_by_path(morv_catalog* catalog, morv_catalog_compone
       return err;
     }
     if (!found.locator || !found.exact_match) break;
-    const int16_t type = static_cast<int16_t>(record_type_of(found.locator));
+    uint16_t found_type = 0;
+    if (morv_err err = read_record_type(found.locator, &found_type)) return err;
+    const int16_t type = static_cast<int16_t>(found_type);
     if (type < catalog::kFolderRecord || type > catalog::kFileThreadRecord) {
       MORV_ERROR("Unexpected record type %hd for looked up record data.\n", type);
       return MORV_ERR_CORRUPT;
@@ -542,7 +579,11 @@ morv_err morv_catalog_search_by_path(morv_catalog* catalog, morv_catalog_compone
       return err;
     }
   }
-  if (found.locator) found.locator->record_type = record_type_of(found.locator);
+  if (found.locator) {
+    uint16_t type = 0;
+    if (morv_err err = read_record_type(found.locator, &type)) return err;
+    found.locator->record_type = type;
+  }
   *out = found;
   morv_catalog_search_result_init(&found);
   return MORV_OK;
@@ -690,17 +731,26 @@ morv_err rename_record(morv_catalog* catalog, morv_catalog_record_locator** loca
   morv_catalog_record_locator* locator = *locator_pointer;
   morv_catalog_record_locator* parent = *locator->parent;
   morv_btree_record_locator* record = locator->btree_locator;
+  uint16_t name_length = 0;
+  if (morv_err err = morv_catalog_key_name_length(record->key, record->key_size, &name_length))
+    return err;
   if (!parent && load_be32(record->key + catalog::kKeyParentId) != kRootParentCnid) {
     MORV_ERROR("Supplied catalog record locator has no parent locator.\n");
     return MORV_ERR_INVALID_ARGUMENT;
   }
-  const uint16_t type = load_be16(record->data + catalog::kRecordType);
+  uint16_t type = 0;
+  if (morv_err err = read_record_type(locator, &type)) return err;
   size_t record_size = 0;
   if (type == catalog::kFileRecord) record_size = catalog::kFileRecordSize;
   else if (type == catalog::kFolderRecord) record_size = catalog::kFolderRecordSize;
-  if (record_size == 0 || record->data_size < record_size) {
+  if (record_size == 0) {
     MORV_ERROR("Invalid record type (0x%hX) in record data!\n", type);
     return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (record->data_size < record_size) {
+    MORV_ERROR("Catalog record of type %hu is %zu bytes, shorter than its %zu-byte layout.\n", type,
+               record->data_size, record_size);
+    return MORV_ERR_CORRUPT;
   }
   uint8_t data[catalog::kFileRecordSize];
   memcpy(data, record->data, record_size);

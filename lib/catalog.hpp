@@ -39,6 +39,7 @@ inline constexpr uint16_t kFileThreadRecord = 4;
 inline constexpr size_t kFolderRecordSize = 88;
 inline constexpr size_t kFileRecordSize = 248;
 inline constexpr size_t kRecordType = 0;
+inline constexpr size_t kRecordTypeSize = 2;
 inline constexpr size_t kRecordFlags = 2;
 inline constexpr size_t kFolderValence = 4;
 inline constexpr size_t kRecordCnid = 8;  // folderID / fileID
@@ -87,6 +88,12 @@ void morv_catalog_search_result_release(morv_catalog_search_result* result);
 // Orders two on-disk catalog keys: parent ID, then name (case-folding for
 // compare type 0xCF, binary for 0xBC). Negative when key_a sorts first.
 int morv_catalog_compare_keys(const uint8_t* key_a, const uint8_t* key_b, uint32_t compare_type);
+
+// The name length of a key held in `key_size` bytes (keyLength field
+// included). MORV_ERR_CORRUPT when the key cannot hold a parent ID and a name
+// length, or its name runs past keyLength.
+[[nodiscard]] morv_err morv_catalog_key_name_length(const uint8_t* key, size_t key_size,
+                                                    uint16_t* name_length);
 
 [[nodiscard]] morv_err morv_catalog_create(morv_device* device, morv_extents* extents,
                                            uint8_t* volume_header, morv_catalog** out);

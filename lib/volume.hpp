@@ -5,7 +5,7 @@
 // whole device sectors that hold it for its lifetime; every header field is
 // read and updated in that copy, in on-disk byte order, and reaches the disk
 // only through morv_volume_flush. The alternate header near the end of the
-// volume is never read nor written.
+// volume is written only when a special file's extents have changed.
 #pragma once
 
 #include <cstddef>
@@ -54,7 +54,9 @@ void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint
 // Checks the signature; *kind_text is "+" for HFS+ and "X" for HFSX.
 [[nodiscard]] morv_err morv_volume_check_signature(const uint8_t* header, const char** kind_text);
 
-// Writes the whole header sector buffer back to the device.
+// Writes the whole header sector buffer back to the device and, after a
+// special file's fork data changed, the special files' fork data into the
+// alternate volume header.
 [[nodiscard]] morv_err morv_volume_flush(morv_volume* volume);
 // The write of morv_volume_flush, for a buffer read by morv_volume_read_header.
 [[nodiscard]] morv_err morv_volume_write_header(morv_device* device, const uint8_t* buffer,

@@ -207,6 +207,12 @@ morv_err morvlabel_print_label(morv_volume* volume) {
 }
 
 morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
+  // A folder cannot be named so; a Mac would not show such a volume's name.
+  if (strcmp(new_label, "") == 0 || strcmp(new_label, ".") == 0 || strcmp(new_label, "..") == 0) {
+    fprintf(stderr, "Invalid volume label \"%s\": a volume cannot be named \"\", \".\" or \"..\".\n",
+            new_label);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   const size_t label_bytes = strlen(new_label);
   uint16_t* converted = nullptr;
   size_t m = 0;
@@ -239,7 +245,9 @@ morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
     fprintf(stderr, "Error while changing volume label.\n");
     return err;
   }
-  if ((err = morv_fork_flush(volume->catalog->priv->tree->fork))) {
+  // Success is reported only once the change is on stable storage.
+  if ((err = morv_fork_flush(volume->catalog->priv->tree->fork)) ||
+      (err = morv_device_sync(volume->device))) {
     fprintf(stderr, "Error while flushing changes to catalog file.\n");
     return err;
   }

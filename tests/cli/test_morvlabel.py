@@ -230,6 +230,26 @@ class Changing(ImageCase):
         self.change_and_verify(image, info, 512, 512, "Deeper")
         self.assertLess(time.monotonic() - start, 60)
 
+    def test_labels_that_name_nothing_or_are_not_utf8_are_refused(self):
+        image = self.path()
+        build(image, "Keep", "--size", 4 << 20)
+        before = digest(image)
+        for label in (b"", b".", b".."):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, b'Invalid volume label "%s": a volume cannot be named '
+                                 b'"", "." or "..".\n' % label)
+        # A four-byte form above U+10FFFF, wherever it stands, and other invalid UTF-8.
+        for label in (b"New\xf4\x90\x80\x80", b"\xf4\x90\x80\x80New", b"\xff", b"a\xc3", b"\xed\xa0\x80"):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertTrue(result.stderr.endswith(
+                    b"Error when converting volume label from UTF-8 to UTF-16.\n"), result.stderr)
+        self.assertEqual(digest(image), before)
+        self.assert_prints(image, "Keep")
+
     def test_labels_too_long_after_decomposition_are_refused(self):
         image = self.path()
         build(image, "Keep", "--size", 4 << 20)
@@ -245,26 +265,48 @@ class Changing(ImageCase):
 
 
 class Safety(ImageCase):
+    # The tool's own last words on a failed print and a failed change.
+    PRINT_FAILURES = (b"Error while opening volume in read mode.\n",
+                      b"Error while opening device in read mode.\n",
+                      b"Error while allocating memory for native-endian label.\n",
+                      b"Error while converting UTF-16 string to UTF-8.\n")
+    CHANGE_FAILURES = (b"Error while opening volume in read/write mode.\n",
+                       b"Error while opening device in read/write mode.\n",
+                       b"Error when converting volume label from UTF-8 to UTF-16.\n",
+                       b"Error while changing volume label.\n",
+                       b"Error while flushing changes to catalog file.\n")
+
     def run_with_faults(self, ops, args, image):
-        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run succeeds."""
+        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run
+        succeeds. Every failed run must end in one of the tool's messages with
+        status 1 and no sanitizer report (leaks included); a run whose failure
+        comes before the flush's first device write must leave the image as it
+        was. Returns the number of failed runs, and the image and standard
+        error that the last one left."""
         pristine = contents(image)
-        runs = 0
+        changing = len(args) > 1
+        endings = self.CHANGE_FAILURES if changing else self.PRINT_FAILURES
+        last = (pristine, b"")
         for n in range(1, 5000):
             with open(image, "wb") as f:
                 f.write(pristine)
             env = dict(os.environ, MORV_FAULT_OPS=ops, MORV_FAULT_AT=str(n))
             result = tool(*args, binary=FAULTY_TOOL, env=env)
-            if b"fault-injection: not delivered" in result.stderr:
+            if result.stderr.endswith(b"fault-injection: not delivered\n"):
                 self.assertEqual(result.returncode, 0, result.stderr)
-                return runs
-            runs += 1
+                return n - 1, last
+            last = (contents(image), result.stderr)
             with self.subTest(ops=ops, n=n):
                 self.assertEqual(result.returncode, 1, result.stderr)
-                self.assertNotIn(b"AddressSanitizer", result.stderr)
+                self.assertNotIn(b"Sanitizer", result.stderr)
+                lines = result.stderr.splitlines(keepends=True)
+                self.assertEqual(lines[-1], b"fault-injection: delivered\n")
+                self.assertTrue(lines[-2] in endings or lines[-2].startswith(
+                    b"Error when allocating ") and changing, result.stderr)
                 if ops == "write":
                     self.assertIn(b"Error while flushing changes to catalog file.\n", result.stderr)
-                else:
-                    self.assertEqual(contents(image), pristine,
+                if ops != "write" or n == 1:
+                    self.assertEqual(last[0], pristine,
                                      "a run that failed before its flush changed the image")
         self.fail("the operation never succeeded")
 
@@ -274,14 +316,54 @@ class Safety(ImageCase):
               "--files", 200, "--catalog-fragments", 10)
         pristine = contents(image)
         for ops in ("alloc", "read"):
-            runs = self.run_with_faults(ops, [image], image)
+            runs, _ = self.run_with_faults(ops, [image], image)
             self.assertGreater(runs, 3)
             self.assertEqual(contents(image), pristine)
         for ops in ("alloc", "read", "write"):
-            runs = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
-            self.assertGreater(runs, 0)
+            runs, (last_image, last_stderr) = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
+            self.assertGreater(runs, 1 if ops == "write" else 0)
             check(self, image)
             self.assertEqual(tool("--output-mode=raw", image).stdout, "Changed e\u0301\n".encode("utf-8"))
+            if ops == "write":
+                # The last write to fail is the sync after the flush: every
+                # sector is out, yet the change is not known to be on stable
+                # storage, so it is reported as a failed flush.
+                self.assertIn(b"Error while syncing device", last_stderr)
+                self.assertEqual(last_image, contents(image))
+
+    def test_damaged_volumes_end_in_messages(self):
+        # (corruption, what the library says about it, whether printing still works)
+        cases = [
+            ("root-name-length", b"name of 255 units runs past its keyLength of 20 bytes", False),
+            ("root-thread-name-length", b"is too short for its name of 255 units", False),
+            ("root-thread-no-data", b"Catalog record of 0 bytes is too short to hold a record type", False),
+            ("root-folder-no-data", b"Catalog record of 0 bytes is too short to hold a record type", True),
+            ("catalog-logical-size", b"is 4398046511104 bytes long, beyond its", False),
+            ("extents-wrap", b"Extents reach beyond the fork's", False),
+            ("extents-short-record", b"has 32 bytes; an extent record has 64", False),
+            ("block-size", b"size 768 is not a power of two from 512 to 1048576", False),
+            ("volume-beyond-device", b"Volume of 32768 allocation blocks of 512 bytes does not fit on its device of 8388608 bytes", False),
+        ]
+        for kind, message, prints in cases:
+            with self.subTest(kind=kind):
+                image = self.path()
+                build(image, "Damaged", "--size", 8 << 20, "--block-size", 512,
+                      "--catalog-node-size", 512, "--files", 50, "--catalog-fragments", 10,
+                      "--corrupt", kind)
+                before = digest(image)
+                printed = tool(image)
+                if prints:
+                    self.assertEqual((printed.returncode, printed.stdout), (0, b"Damaged\n"))
+                else:
+                    self.assertEqual(printed.returncode, 1)
+                    self.assertIn(message, printed.stderr)
+                    self.assertTrue(printed.stderr.endswith(b"Error while opening volume in read mode.\n"))
+                changed = tool(image, "New")
+                self.assertEqual(changed.returncode, 1)
+                self.assertIn(message, changed.stderr)
+                self.assertTrue(changed.stderr.endswith(b"Error while changing volume label.\n" if prints else
+                                                        b"Error while opening volume in read/write mode.\n"))
+                self.assertEqual(digest(image), before)
 
     def test_no_free_catalog_node_for_a_split(self):
         image = self.path()

@@ -412,6 +412,11 @@ class Volume:
         if len(bitmap) * 8 < total_nodes:
             r.add("%s node bitmap" % tag, "covers %d nodes, fewer than totalNodes %d"
                   % (len(bitmap) * 8, total_nodes))
+        past = [n for n in range(total_nodes, len(bitmap) * 8) if bitmap[n >> 3] & (0x80 >> (n & 7))]
+        if past:
+            # A grown tree would take these nodes for used ones.
+            r.add("%s node bitmap" % tag, "nodes past totalNodes %d marked: %s"
+                  % (total_nodes, fmt_runs(runs(past))))
         marked = bits_of(bitmap, nnodes)
         expect = bytearray(nnodes)
         for n in in_use:

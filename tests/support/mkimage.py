@@ -120,6 +120,11 @@ CORRUPTIONS = (
     "bad-signature", "header-kind", "header-records", "btree-type",
     "extents-btree-type", "index-self", "index-beyond", "index-cycle",
     "offsets-order", "no-root-thread", "long-root-name",
+    # Records whose sizes disagree with their contents, and forks and
+    # volumes larger than what holds them.
+    "root-name-length", "root-thread-name-length", "root-folder-no-data", "root-thread-no-data",
+    "catalog-logical-size", "extents-wrap", "extents-short-record",
+    "block-size", "volume-beyond-device",
 )
 
 NODE_DESC = struct.Struct(">IIbBHH")
@@ -559,6 +564,36 @@ class Volume:
                         max(1, o.block_size // ns), min_total, self.rng(), o.fill,
                         o.catalog_index_chain)
 
+    def files_for_nodes(self, nodes):
+        """(files, folders) from --files and --folders on whose catalog, with
+        no free node, has exactly `nodes` nodes (--catalog-nodes): the fewest
+        files, with up to four more folders when no file count hits it."""
+        o = self.o
+        base_files, base_folders = o.files, o.folders
+
+        def total(files):
+            return self.catalog_plan(self.catalog_entries(files), 0).total
+        try:
+            for folders in range(base_folders, base_folders + 5):
+                o.folders = folders
+                lo = hi = base_files
+                while total(hi) < nodes:
+                    if hi > 4_000_000:
+                        raise BuildError("--catalog-nodes %d needs more than 4000000 files" % nodes)
+                    lo, hi = hi + 1, max(1, hi * 2)
+                while lo < hi:
+                    mid = (lo + hi) // 2
+                    if total(mid) < nodes:
+                        lo = mid + 1
+                    else:
+                        hi = mid
+                if total(lo) == nodes:
+                    return lo, folders
+        finally:
+            o.folders = base_folders
+        raise BuildError("no file and folder count gives a catalog of exactly %d nodes; "
+                         "try another --name-length or --fill" % nodes)
+
     def files_for_depth(self, depth):
         """Smallest power-of-two-ish file count that gives the catalog this depth."""
         files = 64
@@ -574,6 +609,9 @@ class Volume:
     def build(self):
         o = self.o
         bs = o.block_size
+        if o.catalog_nodes is not None:
+            o.files, o.folders = self.files_for_nodes(o.catalog_nodes)
+            o.free_catalog_nodes = 0
         entries = self.catalog_entries(o.files)
         cat_ns = o.catalog_node_size
         ext_ns = o.extents_node_size
@@ -689,7 +727,7 @@ class Volume:
 
         cat = serialize_tree(cat_plan, keys, datas, True, CATALOG_MAX_KEY,
                              COMPARE_BINARY if self.binary else COMPARE_CASE_FOLDING,
-                             BT_BIG_KEYS | BT_VARIABLE_INDEX_KEYS, cat_ns)
+                             BT_BIG_KEYS | BT_VARIABLE_INDEX_KEYS, self.catalog_clump())
         ext = serialize_tree(ext_plan, [r[0] for r in ext_recs], [r[1] for r in ext_recs],
                              False, EXTENTS_MAX_KEY, 0, BT_BIG_KEYS, ext_ns)
 
@@ -784,6 +822,55 @@ class Volume:
                     break
             else:
                 raise BuildError("no leaf node has two records to put out of order")
+        elif c == "root-name-length":
+            # The name length claims more units than keyLength holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns,
+                                     catalog_key(CNID_ROOT_PARENT, self.label))
+            if len(self.label) >= 255:
+                raise BuildError("--corrupt root-name-length needs a label shorter than 255 units")
+            struct.pack_into(">H", self.cat, at + 6, 255)
+        elif c == "root-thread-name-length":
+            # The root's thread names more units than the record holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns, catalog_key(CNID_ROOT, ""))
+            struct.pack_into(">H", self.cat, at + 8 + 8, 255)
+        elif c in ("root-folder-no-data", "root-thread-no-data"):
+            # keyLength covers the whole record, leaving no data bytes.
+            key = (catalog_key(CNID_ROOT_PARENT, self.label) if c == "root-folder-no-data"
+                   else catalog_key(CNID_ROOT, ""))
+            at, size = self.leaf_record(self.cat, self.cat_plan, ns, key)
+            struct.pack_into(">H", self.cat, at, size - 2)
+        elif c == "extents-wrap":
+            # The catalog's first overflow record: eight extents that add up to
+            # exactly 2^32 blocks.
+            at, _ = self.leaf_record(self.ext, self.ext_plan, self.o.extents_node_size,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            start = struct.unpack_from(">I", self.ext, at + 12)[0]
+            for i in range(8):
+                struct.pack_into(">II", self.ext, at + 12 + 8 * i, start, 1 << 29)
+        elif c == "extents-short-record":
+            # The catalog's first overflow record keeps 32 of its 64 bytes.
+            ens = self.o.extents_node_size
+            at, _ = self.leaf_record(self.ext, self.ext_plan, ens,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            node, off = divmod(at, ens)
+            n = struct.unpack_from(">H", self.ext, node * ens + 10)[0]
+            if node_records(self.ext, ens, node)[-1] != off:
+                raise BuildError("--corrupt extents-short-record: the record is not its node's last")
+            struct.pack_into(">H", self.ext, node * ens + ens - 2 * (n + 1), off + 12 + 32)
+
+    @staticmethod
+    def leaf_record(buf, plan, ns, key):
+        """Byte position in `buf` and size of the first leaf record whose key
+        begins with the bytes `key`."""
+        for node in plan.numbers[0] if plan.levels else []:
+            offs = node_records(buf, ns, node)
+            base = node * ns
+            ends = offs[1:] + [struct.unpack_from(">H", buf, base + ns - 2 * (len(offs) + 1))[0]]
+            for off, end in zip(offs, ends):
+                if bytes(buf[base + off:base + off + len(key)]) == key:
+                    return base + off, end - off
+        raise BuildError("--corrupt: no leaf record with the key it damages (the extents "
+                         "overflow corruptions need --catalog-fragments 9 or more)")
 
     # ---- volume state: attribute bits and the journal
 
@@ -834,6 +921,12 @@ class Volume:
 
     # ---- output
 
+    def catalog_clump(self):
+        o = self.o
+        if o.catalog_clump_size is not None:
+            return o.catalog_clump_size
+        return max(o.catalog_node_size, o.block_size)
+
     def volume_header(self):
         o = self.o
         bs = o.block_size
@@ -845,9 +938,9 @@ class Volume:
         forks = b""
         for name in ("allocation", "extents", "catalog"):
             size, blocks, exts = self.forks[name]
-            clump = {"allocation": bs, "extents": o.extents_node_size,
-                     "catalog": o.catalog_node_size}[name]
-            forks += fork_data(size, max(clump, bs), blocks, exts)
+            clump = {"allocation": bs, "extents": max(o.extents_node_size, bs),
+                     "catalog": self.catalog_clump()}[name]
+            forks += fork_data(size, clump, blocks, exts)
         forks += bytes(160)
         info_block = self.journal_exts.get("info", (0, 0))[0]
         hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, self.attributes(),
@@ -858,7 +951,14 @@ class Volume:
                                  self.next_cnid, 1, 1)
                + finder + forks)
         assert len(hdr) == 512, len(hdr)
-        return hdr
+        hdr = bytearray(hdr)
+        if o.corrupt == "catalog-logical-size":
+            struct.pack_into(">Q", hdr, 272, 1 << 42)  # catalogFile.logicalSize: 4 TiB
+        elif o.corrupt == "block-size":
+            struct.pack_into(">I", hdr, 40, bs + bs // 2)  # not a power of two
+        elif o.corrupt == "volume-beyond-device":
+            struct.pack_into(">I", hdr, 44, 2 * self.total_blocks)
+        return bytes(hdr)
 
     def write(self, path):
         o = self.o
@@ -1007,6 +1107,15 @@ def parse_args(argv):
                    help="fill catalog nodes up to this percentage of their room (default 100)")
     p.add_argument("--catalog-index-chain", type=int, default=0, metavar="N",
                    help="stack N index nodes of one record each above the catalog's root")
+    p.add_argument("--catalog-nodes", type=int, default=None,
+                   help="generate files (from --files on) until the catalog has exactly this "
+                   "many nodes, none free")
+    p.add_argument("--catalog-clump-size", type=int, default=None,
+                   help="clumpSize of the catalog (bytes; default the larger of node and "
+                   "block size)")
+    p.add_argument("--free-blocks", type=int, default=None,
+                   help="shrink the volume from --size until exactly this many allocation "
+                   "blocks are free (one run, before the alternate header)")
     p.add_argument("--corrupt", choices=CORRUPTIONS)
     p.add_argument("--scatter-nodes", action="store_true",
                    help="place the B-tree nodes at random node numbers (see --seed), "
@@ -1043,17 +1152,35 @@ def parse_args(argv):
     o = p.parse_args(argv)
     if not 10 <= o.fill <= 100:
         p.error("--fill must be between 10 and 100")
-    for name in ("free_catalog_nodes", "free_extents_nodes"):
+    for name in ("free_catalog_nodes", "free_extents_nodes", "catalog_nodes",
+                 "catalog_clump_size", "free_blocks"):
         v = getattr(o, name)
         if v is not None and v < 0:
             p.error("--%s must not be negative" % name.replace("_", "-"))
     return o
 
 
+def fit_free_blocks(o, vol):
+    """--free-blocks: rebuild with fewer blocks until exactly that many are
+    free (the allocation file may shrink on the way)."""
+    for _ in range(8):
+        extra = vol.free_blocks - o.free_blocks
+        if extra == 0:
+            return vol
+        if extra < 0:
+            raise BuildError("--size %d leaves only %d free blocks, fewer than --free-blocks %d"
+                             % (o.size, vol.free_blocks, o.free_blocks))
+        o.size = (vol.total_blocks - extra) * o.block_size
+        vol = Volume(o).build()
+    raise BuildError("no volume size leaves exactly %d free blocks" % o.free_blocks)
+
+
 def main(argv=None):
     o = parse_args(argv)
     try:
         vol = Volume(o).build()
+        if o.free_blocks is not None:
+            vol = fit_free_blocks(o, vol)
         vol.write(o.out)
     except BuildError as e:
         print("mkimage: %s" % e, file=sys.stderr)

@@ -234,7 +234,17 @@ class BuilderVolumes(CheckerTestCase):
                     struct.pack_into(">I", img.data, rec + 88 + 16, cat_block)
                     return
 
+        def node_past_total(img):
+            total = be32(img.data, img.cat + 14 + 22)
+            img.data[img.node_bitmap_byte(total)] |= 0x80 >> (total % 8)
+
+        def alternate_extents(img):
+            end = be32(img.data, 1024 + 44) * img.bs
+            img.add32(end - 1024 + 272 + 20, 1)   # the catalog's first blockCount
+
         cases = [
+            (node_past_total, ["catalog node bitmap: nodes past totalNodes"]),
+            (alternate_extents, ["extents of the catalog file differ"]),
             (overflow_start, ["overflow record at fork block 9, but the fork's earlier extents end at block 8"]),
             (shared_block, ["are also used by"]),
             (leaf_records, ["catalog header: leafRecords"]),

@@ -337,6 +337,8 @@ class MkimageTest(unittest.TestCase):
             (["--size", 4 << 20, "--files", 10, "--corrupt", "index-cycle"], "files"),
             (["--size", 4 << 20, "--catalog-fragments", 20, "--free-catalog-nodes", 0],
              "fragments"),
+            (["--size", 4 << 20, "--corrupt", "extents-wrap"], "--catalog-fragments 9"),
+            (["--size", 4 << 20, "--label", "x" * 255, "--corrupt", "root-name-length"], "shorter"),
         ]
         for args, text in cases:
             with self.subTest(args=args):
@@ -347,6 +349,25 @@ class MkimageTest(unittest.TestCase):
                 self.assertIn(text, r.stderr)
         # 255 units after decomposition still fit.
         self.build("ok.img", "--size", 4 << 20, "--label", "\u00e9" * 127 + "a")
+
+    def test_sizing_options(self):
+        args = ["--size", 2 << 20, "--label", "N", "--block-size", 512, "--catalog-node-size", 512]
+        path = self.build("n.img", *args, "--catalog-nodes", 2048, "--catalog-clump-size", 4096)
+        with open(path, "rb") as f:
+            data = f.read()
+        vh = data[1024:1536]
+        start = struct.unpack_from(">I", vh, 272 + 16)[0] * 512
+        total, free = struct.unpack_from(">II", data, start + 14 + 22)
+        self.assertEqual((total, free), (2048, 0))
+        self.assertEqual(struct.unpack_from(">I", vh, 272 + 8)[0], 4096)
+        path = self.build("f.img", "--size", 4 << 20, "--label", "F", "--free-blocks", 5)
+        with open(path, "rb") as f:
+            f.seek(1024 + 48)
+            self.assertEqual(struct.unpack(">I", f.read(4))[0], 5)
+        _, r = self.run_mkimage("s.img", "--size", 1 << 20, "--label", "S", "--free-blocks", 300)
+        self.assertIn("fewer than --free-blocks", r.stderr)
+        _, r = self.run_mkimage("u.img", *args, "--catalog-nodes", 300)   # one more leaf adds two
+        self.assertIn("exactly 300 nodes", r.stderr)
 
     def test_corruptions(self):
         kinds = ["bad-signature", "header-kind", "header-records", "btree-type",
