@@ -33,6 +33,7 @@ struct PatchedVolume {
   }
   morv_volume_state state() const {
     morv_volume_state s = kUnset;
+    if (!volume) return s;  // set-up failed, reported above
     EXPECT_EQ(morv_volume_check_state(volume, &s), MORV_OK);
     return s;
   }
@@ -128,18 +129,9 @@ TEST(VolumeState, JournalStructuresOutsideTheVolumeOrWithoutMarkersAreDamaged) {
 }
 
 TEST(VolumeState, FailedReadsAreErrorsAndLeaveTheStateUnwritten) {
-  // The header lies inside the volume but past the end of a shortened image.
-  PatchedVolume shortened(std::string(kBase) + " --journal clean", [](std::vector<uint8_t>& image) {
-    store_be64(&image[info_block_offset(image) + 36], 8388608 - 512);
-    image.resize(8388608 - 4096);
-  });
   morv_volume_state state = kUnset;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(morv_volume_check_state(shortened.volume, &state), MORV_ERR_IO);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Error while reading the journal header.\n"),
-            std::string::npos);
-  EXPECT_EQ(state, kUnset);
-
+  const char* const messages[] = {"Error while reading the journal info block.\n",
+                                  "Error while reading the journal header.\n"};
   PatchedVolume v(std::string(kBase) + " --journal dirty");
   for (unsigned ops : {unsigned{MORV_SEAM_ALLOC}, unsigned{MORV_SEAM_READ}}) {
     uint64_t n = 1;
@@ -155,6 +147,8 @@ TEST(VolumeState, FailedReadsAreErrorsAndLeaveTheStateUnwritten) {
         break;
       }
       EXPECT_EQ(err, ops == MORV_SEAM_ALLOC ? MORV_ERR_NO_MEMORY : MORV_ERR_IO) << "n=" << n;
+      ASSERT_LE(n, 2u);
+      EXPECT_NE(log.find(messages[n - 1]), std::string::npos) << log;
       EXPECT_EQ(state, kUnset);
     }
     EXPECT_EQ(n, 3u);  // the info block, then the journal header
