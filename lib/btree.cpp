@@ -113,6 +113,9 @@ constexpr size_t kNodeStartBytes = 120;  // descriptor + header record of node 0
 }  // namespace hr
 
 constexpr char kLocatorTag[8] = {'m', 'o', 'r', 'v', 'b', 'r', 'l', 'a'};
+// What the client-facing changes say when their lock cannot be released.
+constexpr const char* kReleaseFailed =
+    "Error while releasing write lock for open locators list. Will probably crash now...\n";
 constexpr uint16_t kMinNodeSize = 512;
 constexpr uint16_t kMaxNodeSize = 32768;
 // The longest key of any HFS+ tree (a catalog key: keyLength 516) and its
@@ -1269,24 +1272,38 @@ morv_err morv_btree_search_node_internal(morv_btree* tree, const uint8_t* search
   return MORV_OK;
 }
 
-morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
-                                morv_btree_search_result* out_result) {
+namespace {
+
+// Runs a search or a step of iteration under the tree's lock, which both
+// take in write mode because opening a locator changes the open list;
+// `undo` gives back what `op` handed out when the lock cannot be released.
+template <typename Op, typename Undo>
+[[nodiscard]] morv_err under_search_lock(morv_btree* tree, Op op, Undo undo) {
   morv_rwlock* lock = tree->priv->open_locators_lock;
   morv_err err = morv_rwlock_lock_write(lock);
   if (err) {
     MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
     return err;
   }
-  morv_btree_search_result result{};
-  err = morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
+  err = op();
+  if (morv_err unlock_err = morv_rwlock_unlock(lock)) {
     MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
     if (!err) {
-      morv_btree_search_result_release(&result);
+      undo();
       err = unlock_err;
     }
   }
+  return err;
+}
+
+}  // namespace
+
+morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
+                                morv_btree_search_result* out_result) {
+  morv_btree_search_result result{};
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result); },
+      [&] { morv_btree_search_result_release(&result); });
   if (err) return err;
   *out_result = result;
   return MORV_OK;
@@ -1380,22 +1397,10 @@ morv_err morv_btree_get_next_record_internal(morv_btree* tree, morv_btree_record
 
 morv_err morv_btree_get_next_record(morv_btree* tree, morv_btree_record_locator* locator,
                                     morv_btree_record_locator** out_next) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
-  if (err) {
-    MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
-    return err;
-  }
   morv_btree_record_locator* next = nullptr;
-  err = morv_btree_get_next_record_internal(tree, locator, &next);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
-    if (!err) {
-      morv_btree_record_locator_close(&next);
-      err = unlock_err;
-    }
-  }
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_get_next_record_internal(tree, locator, &next); },
+      [&] { morv_btree_record_locator_close(&next); });
   if (err) return err;
   *out_next = next;
   return MORV_OK;
@@ -2225,23 +2230,15 @@ morv_err morv_btree_insert_record_internal(morv_btree* tree, const uint8_t* key,
 morv_err morv_btree_insert_record(morv_btree* tree, const uint8_t* key, const void* data,
                                   uint16_t data_size, morv_btree_search_result* location,
                                   morv_btree_record_locator** out_locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
   morv_btree_record_locator* locator = nullptr;
   err = morv_btree_insert_record_internal(tree, key, data, data_size, location, &locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) {
-      morv_btree_record_locator_close(&locator);
-      err = unlock_err;
-    }
-  }
+  if (!err && (err = lock.finish(err))) morv_btree_record_locator_close(&locator);
   if (err) return err;
   *out_locator = locator;
   return MORV_OK;
@@ -2415,58 +2412,41 @@ morv_err morv_btree_delete_record_internal(morv_btree* tree, morv_btree_record_l
 }
 
 morv_err morv_btree_delete_record(morv_btree* tree, morv_btree_record_locator* locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
-  err = morv_btree_delete_record_internal(tree, locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) err = unlock_err;
-  }
-  return err;
+  return lock.finish(morv_btree_delete_record_internal(tree, locator));
 }
 
 // ============================================================ transactions (clients)
 
 morv_err morv_btree_transaction_begin(morv_btree* tree) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
   txn_begin(tree);
-  if ((err = morv_rwlock_unlock(lock))) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-  }
-  return err;
+  return lock.finish(MORV_OK);
 }
 
 morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return result ? result : err;
   }
-  result = txn_end(tree, result);
-  if ((err = morv_rwlock_unlock(lock))) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!result) result = err;
-  }
-  return result;
+  return lock.finish(txn_end(tree, result));
 }
 
 morv_err morv_btree_transaction_prepare(morv_btree* tree) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
@@ -2475,12 +2455,7 @@ morv_err morv_btree_transaction_prepare(morv_btree* tree) {
   morv_err result = t.failure;
   if (!result && t.depth) result = settle_pending(tree);
   if (result && t.depth && !t.failure) t.failure = result;
-  if ((err = morv_rwlock_unlock(lock))) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!result) result = err;
-  }
-  return result;
+  return lock.finish(result);
 }
 
 // ============================================================ tree growth
@@ -2801,9 +2776,7 @@ constexpr const char* kMapRollback = "Error while rolling back modifications to 
 }  // namespace
 
 morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume) {
-  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock,
-                    "Error while releasing write lock for open locators list. Will probably crash "
-                    "now...\n");
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
   if (morv_err err = lock.lock_write()) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;

@@ -3,6 +3,8 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
           g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
+# The manual page's lint and rendering, installing and packaging.
+packages+=(mandoc man-db pkgconf dpkg-dev file)
 # The kernel reader (tests/support/kernelreader.py) boots Debian's kernel
 # under emulation: only the emulator and a static shell, no recommended extras.
 lean=(qemu-system-x86 busybox-static)

@@ -56,7 +56,8 @@ class CommandLine(ImageCase):
     def test_mounted_device_is_refused_by_its_path_as_typed(self):
         if shutil.which("unshare") is None or os.geteuid() != 0:
             self.skipTest("needs root and unshare to mount in a private namespace")
-        image = self.path()
+        # The mount table writes the blank and the backslash as \040 and \134.
+        image = self.path("mounted vol\\ume.img")
         build(image, "Mounted", "--size", 4 << 20)
         link = self.path("link.img")
         os.symlink(image, link)
@@ -69,10 +70,52 @@ class CommandLine(ImageCase):
             self.skipTest("mounting is not permitted here")
         self.assertEqual(refused.returncode, 1)
         self.assertEqual(refused.stderr, b"Refusing to open mounted file system.\n")
+        self.assertEqual(subprocess.run(command + [image], capture_output=True).stderr,
+                         b"Refusing to open mounted file system.\n")
         # Another path to the same file is not recognised.
         other = subprocess.run(command + [link], capture_output=True)
         self.assertEqual(other.returncode, 0, other.stderr)
         self.assertEqual(other.stdout, b"Mounted\n")
+
+    def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
+        if shutil.which("unshare") is None or os.geteuid() != 0:
+            self.skipTest("needs root and unshare to mount in a private namespace")
+        image = self.path("vol ume\\x.img")
+        build(image, "Listed", "--size", 4 << 20)
+        escaped = image.replace("\\", "\\134").replace(" ", "\\040")
+        other_escape = image.replace("\\", "\\\\").replace(" ", "\\040")
+        # Lines longer than any read, with the image in a later field or first.
+        long_line = "src /mnt tmpfs " + "o" * 40000 + " %s 0 0\n" % escaped
+        long_first = "%s /mnt tmpfs %s 0 0\n" % (escaped, "o" * 40000)
+        tables = [
+            ("# comment\n\n" + long_line + "  \t" + escaped + " /mnt tmpfs rw 0 0", True),
+            (long_line + other_escape + "\t/mnt tmpfs rw 0 0\n", True),
+            (long_first + "src /mnt tmpfs rw 0 0\n", True),
+            ("#" + escaped + " /mnt tmpfs rw 0 0\n" + long_line + escaped + "x /mnt tmpfs rw 0 0\n"
+             + escaped[:-1] + " /mnt tmpfs rw 0 0\n" + image + " /mnt tmpfs rw 0 0\n", False),
+        ]
+        # The table is bound over this process's own mount table: /proc/mounts
+        # is /proc/self/mounts, and the tool is exec'd in the shell's place.
+        script = 'mount --bind "$1" /proc/$$/mounts || exit 99; shift; exec "$@"'
+        for table, refused in tables:
+            with self.subTest(table=table[:60], refused=refused):
+                fake = self.path("mounts")
+                with open(fake, "w") as f:
+                    f.write(table)
+                result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh", fake] + EMULATOR
+                                        + [TOOL, image], capture_output=True)
+                if result.returncode == 99:
+                    self.skipTest("mounting is not permitted here")
+                self.assertEqual(result.returncode, 1 if refused else 0, result.stderr)
+                self.assertEqual(result.stdout, b"" if refused else b"Listed\n")
+        # A table that opens but cannot be read (here the process's memory,
+        # whose first page is unmapped) leaves the mount state unknown: the
+        # run stops as if the table could not be opened.
+        script = 'mount --bind /proc/$$/mem /proc/$$/mounts || exit 99; exec "$@"'
+        result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh"] + EMULATOR + [TOOL, image],
+                                capture_output=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (1, b"", b"Error while opening /proc/mounts for reading: Input/output error (5)\n"))
 
     def test_output_mode_is_ignored_when_changing(self):
         image = self.path()
@@ -376,6 +419,81 @@ class Safety(ImageCase):
         self.assertEqual((writer.returncode, err), (0, b""))
         self.assertEqual(tool(image).stdout, b"Exclusive\n")
         check(self, image)
+
+
+class Refusals(ImageCase):
+    """A change that the volume's own state makes unsafe is refused before
+    anything is written; printing the same volume still works."""
+    WHY = {
+        "locked": b"the volume is software-locked, which tells every writer to leave it alone. "
+                  b"Unlock it on the system that locked it (a hybrid ISO image stays locked: "
+                  b"rebuild it with the new name), then try again.",
+        "dirty": b"the volume's journal holds transactions that have not been replayed, and a Mac "
+                 b"replaying them later would undo the change. Mount the volume on a Mac and "
+                 b"eject it, then try again.",
+        "elsewhere": b"the volume's journal is on another device, so it cannot be checked. Turn "
+                     b"journaling off on a Mac (diskutil disableJournal), then try again.",
+        "damaged": b"the volume's journal information is damaged, so the journal cannot be "
+                   b"checked. Repair the volume on a Mac (First Aid in Disk Utility), then try again.",
+        "inconsistent": b"the volume is marked inconsistent. Repair it (fsck.hfsplus, or First Aid "
+                        b"in Disk Utility on a Mac), then try again.",
+        "unmounted": b"the volume was not cleanly unmounted: it may be mounted elsewhere, for "
+                     b"example under another name of the same device, or damaged. Unmount it "
+                     b"everywhere, or repair it (fsck.hfsplus, or First Aid in Disk Utility on a "
+                     b"Mac), then try again.",
+    }
+
+    def assert_refused(self, image, why, label):
+        before = digest(image)
+        result = tool(image, "Renamed")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stdout, b"")
+        self.assertEqual(result.stderr, b"Refusing to change the label: " + self.WHY[why] + b"\n")
+        self.assertEqual(digest(image), before, "a refused change wrote to the volume")
+        self.assert_prints(image, unicodedata.normalize("NFC", label))
+        self.assert_prints(image, hfs_decomposed(label), mode="raw")
+
+    def test_unsafe_states_refuse_a_change_and_still_print(self):
+        cases = [
+            (["--software-lock"], "locked"),
+            (["--journal", "dirty"], "dirty"),
+            (["--journal", "dirty", "--journal-byte-order", "big", "--block-size", 512], "dirty"),
+            (["--journal", "other-device"], "elsewhere"),
+            (["--journal", "damaged"], "damaged"),
+            (["--inconsistent"], "inconsistent"),
+            (["--not-unmounted"], "unmounted"),
+            (["--not-unmounted", "--journal", "dirty", "--inconsistent"], "dirty"),
+        ]
+        for options, why in cases:
+            with self.subTest(options=options):
+                image = self.path()
+                build(image, "Caf\u00e9 state", "--size", 8 << 20, "--files", 30, *options)
+                self.assert_refused(image, why, "Caf\u00e9 state")
+
+    def test_clean_and_uninitialised_journals_allow_a_change(self):
+        for journal, order in (("clean", "little"), ("clean", "big"), ("uninitialised", "little")):
+            with self.subTest(journal=journal, order=order):
+                image = self.path()
+                info = build(image, "Journaled", "--size", 8 << 20, "--files", 30, "--journal", journal,
+                             "--journal-byte-order", order)
+                journal_blocks = [(j["start"] * 4096, (j["start"] + j["blocks"]) * 4096)
+                                  for j in info["journal"].values()]
+                before = contents(image)
+                result = tool(image, "R\u00e9nam\u00e9")
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+                check(self, image)
+                self.assert_prints(image, "R\u00e9nam\u00e9")
+                after = contents(image)
+                for lo, hi in journal_blocks + [(0, 4096)]:
+                    self.assertEqual(after[lo:hi], before[lo:hi], "journal or volume header changed")
+
+    def test_xorriso_hybrids_are_software_locked(self):
+        if shutil.which("xorriso") is None:
+            self.skipTest("xorriso is not installed")
+        image = self.path()
+        subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
+                        "--label", "XORRISO VOL", "--files", "3"], check=True, capture_output=True)
+        self.assert_refused(image, "locked", "XORRISO VOL")
 
 
 if __name__ == "__main__":

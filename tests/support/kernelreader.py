@@ -454,7 +454,7 @@ class ReportParser:
     def on_op(self, rest):
         index, kind, started = rest.split(" ")
         self.op = new_op(kind, self.ops[int(index)]["image"], float(started))
-        self.spec = self.ops[int(index)]
+        self.request = self.ops[int(index)]
         self.result["ops"].append(self.op)
         self.errors = self.result["setup_errors"]
 
@@ -508,7 +508,7 @@ class ReportParser:
 
     def on_S(self, rest):
         index, status = rest.split(" ")
-        self.op["steps"].append({"step": self.spec["steps"][int(index)], "status": int(status),
+        self.op["steps"].append({"step": self.request["steps"][int(index)], "status": int(status),
                                  "output": []})
         self.errors = self.op["steps"][-1]["output"]
 

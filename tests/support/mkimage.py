@@ -14,9 +14,12 @@ damage exactly one structure and leave the rest consistent.
 Layout choices made here (all allowed by the format):
   * allocation blocks in order: reserved blocks covering bytes 0..1535 (boot
     blocks and volume header), allocation file, extents overflow file, catalog
-    fragments separated by one free block, then the one-block extents of the
-    fragmented files, each followed by a free block; the block(s) holding the
-    last 1024 bytes of totalBlocks x blockSize are allocated;
+    fragments separated by one free block, with --journal the journal info
+    block and the journal (64 KiB in whole blocks), then the one-block extents
+    of the fragmented files, each followed by a free block; the block(s)
+    holding the last 1024 bytes of totalBlocks x blockSize are allocated;
+  * with --journal the info block and the journal are the data forks of the
+    root's files .journal_info_block and .journal, as on a Mac;
   * the alternate volume header is written 1024 bytes before the end of the
     image and, when the size is not a multiple of the block size, also 1024
     bytes before the end of the last allocation block;
@@ -87,6 +90,28 @@ EXTENTS_MAX_KEY = 10
 VOLUME_UNMOUNTED = 1 << 8
 HAS_FOLDER_COUNT = 0x10
 FILE_THREAD_EXISTS = 0x02
+
+# ---- Volume state: attribute bits and the journal (--journal and friends).
+VOLUME_INCONSISTENT = 1 << 11
+VOLUME_JOURNALED = 1 << 13
+VOLUME_SOFTWARE_LOCK = 1 << 15
+LAST_MOUNTED_JOURNALED = 0x4846534A      # "HFSJ": last mounted by a journaling Mac
+# JournalInfoBlock (big-endian, 180 bytes): flags u32, device_signature
+# 32 bytes, offset u64 (journal's byte offset in the volume), size u64.
+JIB = struct.Struct(">I32sQQ128x")
+JIB_IN_FS = 0x1
+JIB_ON_OTHER_DEVICE = 0x2
+JIB_NEED_INIT = 0x4
+# journal_header, in the byte order of the Mac that wrote it: magic, endian
+# marker, start, end, size (u64 each), blhdr_size, checksum, jhdr_size.
+JOURNAL_MAGIC = 0x4A4E4C78               # "JNLx"
+JOURNAL_ENDIAN = 0x12345678
+JOURNAL_HEADER_SIZE = 512                 # jhdr_size: the header's sector
+JOURNAL_BLOCK_LIST_SIZE = 4096            # blhdr_size
+JOURNAL_BYTES = 65536                     # the journal file, rounded up to whole blocks
+JOURNAL_STATES = ("clean", "uninitialised", "dirty", "other-device", "damaged")
+JOURNAL_INFO_NAME = ".journal_info_block"
+JOURNAL_NAME = ".journal"
 
 # 2024-01-01 00:00:00 UTC in HFS+ time (seconds since 1904-01-01).
 HFS_TIME = 1704067200 + 2082844800
@@ -502,8 +527,14 @@ class Volume:
         self.link_count = {}
         if o.hard_links:
             cnid = self.add_hard_links(names, valence, subfolders, folder_ids, cnid)
+        journal = []
+        for role, name in self.journal_files():
+            journal.append((CNID_ROOT, name, role, cnid))
+            valence[CNID_ROOT] += 1
+            cnid += 1
         self.next_cnid = cnid
         self.names = names
+        self.journal_names = journal
         longest = max((len(n[1]) for n in names), default=0)
         if o.name_length and o.name_length < longest:
             raise BuildError("--name-length %d is shorter than the generated names (%d units)"
@@ -529,6 +560,10 @@ class Volume:
             entries.append(((cid, ""), catalog_key(cid, ""),
                             thread_record(REC_FOLDER_THREAD if kind == "folder" else REC_FILE_THREAD,
                                           parent, name)))
+        for parent, name, role, cid in journal:
+            entries.append((order(parent, name), catalog_key(parent, name), ("journal", cid, role)))
+            entries.append(((cid, ""), catalog_key(cid, ""),
+                            thread_record(REC_FILE_THREAD, parent, name)))
         entries.sort(key=lambda e: e[0])
         for a, b in zip(entries, entries[1:]):
             if a[0] == b[0]:
@@ -673,6 +708,13 @@ class Volume:
                 blk += 1
             cat_exts.append((blk, s))
             blk += s
+        # The journal's files: one block of info, then the journal itself.
+        journal_exts = {}
+        journal_files = [e[2] for e in entries if isinstance(e[2], tuple) and e[2][0] == "journal"]
+        for _, cid, role in sorted(journal_files, key=lambda f: f[2] != "info"):
+            count = 1 if role == "info" else -(-JOURNAL_BYTES // bs)
+            journal_exts[cid] = (role, blk, count)
+            blk += count
         file_exts = {}
         rsrc_exts = {}
         if frag_files:
@@ -688,6 +730,7 @@ class Volume:
                 blk += 2
         used += cat_exts + [e for v in file_exts.values() for e in v]
         used += [e for v in rsrc_exts.values() for e in v]
+        used += [(s, c) for _, s, c in journal_exts.values()]
         # The last 1024 bytes of the blocks hold the alternate volume header
         # (and a reserved sector); they are always allocated.
         alt_first = (tb * bs - 1024) // bs
@@ -724,6 +767,9 @@ class Volume:
             keys.append(key)
             if isinstance(data, tuple) and data[0] == "link":
                 data = file_record(data[1], special=self.links[data[1]], codes=b"hlnkhfs+", mode=0)
+            elif isinstance(data, tuple) and data[0] == "journal":
+                _, start, count = journal_exts[data[1]]
+                data = file_record(data[1], fork_data(count * bs, bs, count, [(start, count)]))
             elif isinstance(data, tuple):
                 cid = data[1]
                 forks = [fork_data(len(e) * bs, bs, len(e), e) if e else None
@@ -753,7 +799,8 @@ class Volume:
         }
         self.cat_plan, self.ext_plan = cat_plan, ext_plan
         self.cat, self.ext, self.bitmap = cat, ext, bitmap
-        self.file_count = o.files + o.hard_links
+        self.file_count = o.files + o.hard_links + len(journal_exts)
+        self.journal_exts = {role: (s, c) for role, s, c in journal_exts.values()}
         self.folder_count = o.folders + (1 if o.hard_links else 0)
         self.apply_tree_corruption()
         return self
@@ -877,6 +924,53 @@ class Volume:
         raise BuildError("--corrupt: no leaf record with the key it damages (the extents "
                          "overflow corruptions need --catalog-fragments 9 or more)")
 
+    # ---- volume state: attribute bits and the journal
+
+    def attributes(self):
+        o = self.o
+        bits = 0 if o.not_unmounted else VOLUME_UNMOUNTED
+        bits |= VOLUME_INCONSISTENT if o.inconsistent else 0
+        bits |= VOLUME_SOFTWARE_LOCK if o.software_lock else 0
+        bits |= VOLUME_JOURNALED if o.journal else 0
+        return bits
+
+    def journal_files(self):
+        """(role, name) of the root's journal files: the info block always,
+        the journal unless it lives on another device."""
+        if not self.o.journal:
+            return []
+        files = [("info", JOURNAL_INFO_NAME)]
+        if self.o.journal != "other-device":
+            files.append(("journal", JOURNAL_NAME))
+        return files
+
+    def journal_blocks(self):
+        """(byte offset, bytes) of the journal info block and journal header."""
+        o = self.o
+        if not o.journal:
+            return []
+        bs = o.block_size
+        info_start = self.journal_exts["info"][0]
+        if o.journal == "other-device":
+            return [(info_start * bs, JIB.pack(JIB_ON_OTHER_DEVICE, bytes(32), 0, 0))]
+        start, count = self.journal_exts["journal"]
+        flags = JIB_IN_FS | (JIB_NEED_INIT if o.journal == "uninitialised" else 0)
+        blocks = [(info_start * bs, JIB.pack(flags, bytes(32), start * bs, count * bs))]
+        if o.journal in ("clean", "dirty"):
+            blocks.append((start * bs, self.journal_header(count * bs)))
+        return blocks
+
+    def journal_header(self, size):
+        """A journal header in the chosen byte order; a dirty journal holds
+        one transaction (start != end)."""
+        order = "<" if self.o.journal_byte_order == "little" else ">"
+        layout = struct.Struct(order + "IIQQQIII")
+        end = JOURNAL_HEADER_SIZE + (JOURNAL_BLOCK_LIST_SIZE if self.o.journal == "dirty" else 0)
+        fields = [JOURNAL_MAGIC, JOURNAL_ENDIAN, JOURNAL_HEADER_SIZE, end, size,
+                  JOURNAL_BLOCK_LIST_SIZE, 0, JOURNAL_HEADER_SIZE]
+        fields[6] = journal_checksum(layout.pack(*fields))
+        return layout.pack(*fields)
+
     # ---- output
 
     def catalog_clump(self):
@@ -900,8 +994,10 @@ class Volume:
                      "catalog": self.catalog_clump()}[name]
             forks += fork_data(size, clump, blocks, exts)
         forks += bytes(160)
-        hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, VOLUME_UNMOUNTED,
-                                 0x3130_2E30, 0, HFS_TIME, HFS_TIME, 0, HFS_TIME,
+        info_block = self.journal_exts.get("info", (0, 0))[0]
+        hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, self.attributes(),
+                                 LAST_MOUNTED_JOURNALED if o.journal else 0x3130_2E30,
+                                 info_block, HFS_TIME, HFS_TIME, 0, HFS_TIME,
                                  self.file_count, self.folder_count, bs, self.total_blocks,
                                  self.free_blocks, self.next_allocation, 16 * bs, 16 * bs,
                                  self.next_cnid, 1, 1)
@@ -936,6 +1032,9 @@ class Volume:
                 for start, count in self.forks[name][2]:
                     write_sparse(f, start * bs, data[pos:pos + count * bs])
                     pos += count * bs
+            for at, data in self.journal_blocks():
+                f.seek(at)
+                f.write(data)
             if o.file_data:
                 for cid, exts in self.file_exts.items():
                     for index, (start, _count) in enumerate(exts):
@@ -950,7 +1049,10 @@ class Volume:
         return {"total_blocks": self.total_blocks, "free_blocks": self.free_blocks,
                 "catalog": tree(self.cat_plan), "extents": tree(self.ext_plan),
                 "catalog_extents": self.forks["catalog"][2],
-                "next_catalog_id": self.next_cnid}
+                "next_catalog_id": self.next_cnid,
+                "journal": {role: {"start": s, "blocks": c}
+                            for role, (s, c) in self.journal_exts.items()}}
+
 
     def entries(self):
         """Every folder and file below the root: path from the root (names
@@ -982,7 +1084,24 @@ class Volume:
                 entry["size"] = len(exts) * bs
                 entry["sha256"] = digest.hexdigest()
             out.append(entry)
+        for _, name, role, cid in self.journal_names:
+            start, count = self.journal_exts[role]
+            data = bytearray(count * bs)
+            for at, block in self.journal_blocks():
+                if start * bs <= at < (start + count) * bs:
+                    data[at - start * bs:at - start * bs + len(block)] = block
+            out.append({"path": "/" + name, "cnid": cid, "type": "file", "size": len(data),
+                        "sha256": hashlib.sha256(data).hexdigest()})
         return out
+
+
+def journal_checksum(header):
+    """The journal header's checksum: the header bytes folded as Apple's
+    journal code does, with the checksum field zero, then inverted."""
+    c = 0
+    for b in header:
+        c = ((c << 8) ^ (c + b)) & 0xFFFFFFFF
+    return ~c & 0xFFFFFFFF
 
 
 def set_bits(bitmap, start, count):
@@ -1071,6 +1190,25 @@ def parse_args(argv):
                    help="seed of --scatter-nodes; also varies the volume UUID")
     p.add_argument("--info", action="store_true",
                    help="print a JSON summary of the layout on stdout")
+    state = p.add_argument_group(
+        "volume state", "attribute bits of the volume header and a journal (the states in "
+        "which a change of the volume is unsafe)")
+    state.add_argument("--not-unmounted", action="store_true",
+                       help="clear the unmounted bit (8): not cleanly unmounted")
+    state.add_argument("--inconsistent", action="store_true",
+                       help="set the boot-volume-inconsistent bit (11)")
+    state.add_argument("--software-lock", action="store_true",
+                       help="set the software lock bit (15)")
+    state.add_argument("--journal", choices=JOURNAL_STATES,
+                       help="set the journaled bit (13) and add the root's %s and %s files: "
+                       "clean (start = end), uninitialised (the info block asks for "
+                       "initialisation; no header), dirty (start != end: transactions not "
+                       "replayed), other-device (the info block puts the journal on another "
+                       "device; no %s file), damaged (no header where the info block points)"
+                       % (JOURNAL_INFO_NAME, JOURNAL_NAME, JOURNAL_NAME))
+    state.add_argument("--journal-byte-order", choices=("little", "big"), default="little",
+                       help="byte order of the journal header (default little, as Intel and "
+                       "Apple silicon Macs write it; PowerPC Macs write big)")
     p.add_argument("--info-entries", action="store_true",
                    help="with --info, also list every folder and file (path, CNID, "
                    "type, size and SHA-256 of the data fork)")

@@ -431,6 +431,48 @@ class MkimageTest(unittest.TestCase):
                     rc, out = self.checker(path)
                     self.assertEqual(rc, 1, "%s: %s" % (kind, out))
 
+    def test_volume_states(self):
+        """Attribute bits, and journals whose info block and header decode to
+        the asked state, owned by the root's journal files."""
+        for options, bits in ((["--not-unmounted"], 0), (["--inconsistent"], 0x900),
+                              (["--software-lock"], 0x8100)):
+            img = Image(self.build("s.img", "--size", 4 << 20, "--label", "S", *options))
+            self.assertEqual(img.attributes, bits, options)
+        for state in ("clean", "uninitialised", "dirty", "other-device", "damaged"):
+            for order, bs in (("little", 4096), ("big", 512)):
+                with self.subTest(state=state, order=order):
+                    path = self.build("j.img", "--size", 8 << 20, "--label", "J", "--files", 5,
+                                      "--block-size", bs, "--journal", state,
+                                      "--journal-byte-order", order)
+                    img = Image(path)
+                    self.assertEqual(img.attributes, 0x2100)
+                    self.assertEqual(img.hdr[8:12], b"HFSJ")
+                    self.assertEqual(img.file_count, 6 if state == "other-device" else 7)
+                    files = {bytes(struct.pack(">%dH" % len(n), *n)).decode("utf-16-be"): d
+                             for (parent, n), d in img.catalog() if parent == 2 and d[1] == 2}
+                    forks = {name: img.fork(files[name], 88) for name in files
+                             if name.startswith(".journal")}
+                    info_block = struct.unpack_from(">I", img.hdr, 12)[0]
+                    self.assertEqual(forks[".journal_info_block"], (bs, 1, [(info_block, 1)]))
+                    flags, offset, size = struct.unpack_from(">I32xQQ", img.d, info_block * bs)
+                    if state == "other-device":
+                        self.assertEqual((flags, sorted(forks)), (2, [".journal_info_block"]))
+                        continue
+                    self.assertEqual(flags, 5 if state == "uninitialised" else 1)
+                    jsize, jblocks, jexts = forks[".journal"]
+                    self.assertEqual((offset, size), (jexts[0][0] * bs, jsize))
+                    fmt = ("<" if order == "little" else ">") + "IIQQQIII"
+                    magic, endian, start, end, hsize, _, checksum, _ = struct.unpack_from(
+                        fmt, img.d, offset)
+                    if state in ("uninitialised", "damaged"):
+                        self.assertEqual(img.d[offset:offset + 512], bytes(512))
+                        continue
+                    self.assertEqual((magic, endian, hsize), (0x4A4E4C78, 0x12345678, size))
+                    self.assertEqual(start != end, state == "dirty")
+                    self.assertNotEqual(checksum, 0)
+                    if os.path.exists(CHECKIMAGE):
+                        self.assertEqual(self.checker(path), (0, ""))
+
 
 if __name__ == "__main__":
     unittest.main()
