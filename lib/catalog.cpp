@@ -474,9 +474,8 @@ morv_err morv_catalog_search_by_cnid(morv_catalog* catalog, uint32_t cnid, int f
 
 namespace {
 
-// The folder ID of the folder record under `locator`, checked as the start of
-// a path walk.
-morv_err start_folder_id(morv_catalog_record_locator* locator, uint32_t* folder_id) {
+// The folder ID of the folder record under `locator`, checked.
+[[nodiscard]] morv_err folder_id_of(morv_catalog_record_locator* locator, uint32_t* folder_id) {
   uint16_t type = 0;
   if (morv_err err = read_record_type(locator, &type)) return err;
   if (type != catalog::kFolderRecord) {
@@ -501,7 +500,7 @@ morv_err morv_catalog_search_by_path(morv_catalog* catalog, morv_catalog_compone
   uint32_t folder_id = kRootFolderCnid;
   morv_catalog_record_locator* parent = nullptr;  // not owned: the current folder or the start
   if (start_folder) {
-    if (morv_err err = start_folder_id(start_folder, &folder_id)) return err;
+    if (morv_err err = folder_id_of(start_folder, &folder_id)) return err;
     if (folder_id == kRootParentCnid) folder_id = kRootFolderCnid;
     else parent = start_folder;
   }
@@ -848,24 +847,6 @@ bool is_folder(const morv_catalog_record_locator* locator, uint32_t folder_id) {
 bool is_child_of(const morv_catalog_record_locator* locator, uint32_t folder_id) {
   uint32_t parent = 0;
   return key_parent(locator->btree_locator, &parent) && parent == folder_id;
-}
-
-// The CNID of the folder record under `locator`, checked.
-[[nodiscard]] morv_err folder_id_of(const morv_catalog_record_locator* locator, uint32_t* id) {
-  uint16_t type = 0;
-  if (morv_err err = read_record_type(locator, &type)) return err;
-  if (type != catalog::kFolderRecord) {
-    MORV_ERROR("Invalid parameter: Record of type %hu is not a folder record.\n", type);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const size_t size = locator->btree_locator->data_size;
-  if (size < catalog::kFolderRecordSize) {
-    MORV_ERROR("Unexpected data size for HFSPlusCatalogFolder. Expected minimum: %zu Actual: %zu\n",
-               catalog::kFolderRecordSize, size);
-    return MORV_ERR_CORRUPT;
-  }
-  *id = load_be32(locator->btree_locator->data + catalog::kRecordCnid);
-  return MORV_OK;
 }
 
 }  // namespace
