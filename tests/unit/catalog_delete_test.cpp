@@ -115,14 +115,20 @@ TEST(CatalogDelete, FilesOfOneToTwentyExtentsWithResourceForksThenFoldersOnceEmp
   v.flush();
   ASSERT_EQ(v.check(), "");
 
-  // Neither the root nor a thread record can go.
-  Record root, thread;
+  // Neither the root nor a thread record can go, nor a record whose parent
+  // locator holds another folder than its parent.
+  Record root, thread, file, other;
   ASSERT_EQ(find(v.volume, kRootFolderCnid, 1, &root), MORV_OK);
   ASSERT_EQ(find(v.volume, 40, 0, &thread), MORV_OK);
+  ASSERT_EQ(find(v.volume, 40, 1, &file), MORV_OK);
+  ASSERT_EQ(find(v.volume, 16, 1, &other), MORV_OK);
+  ASSERT_EQ(morv_catalog_record_locator_set_parent_locator(file.get(), other.get()), MORV_OK);
   const std::string log = logged([&] {
     EXPECT_EQ(morv_catalog_delete(v.volume->catalog, v.volume, root.get()), MORV_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(morv_catalog_delete(v.volume->catalog, v.volume, thread.get()), MORV_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(morv_catalog_delete(v.volume->catalog, v.volume, file.get()), MORV_ERR_INVALID_ARGUMENT);
   });
+  EXPECT_TRUE(has(log, "Invalid parameter: The parent locator does not hold folder 2, the record's parent.\n"));
   EXPECT_TRUE(has(log, "Invalid parameter: The root folder cannot be deleted.\n"));
   EXPECT_TRUE(has(log, "Invalid parameter: Record to delete is not a file or folder record (record type: 4).\n"));
 }
