@@ -26,7 +26,6 @@
 #include "support_unix.hpp"
 #include "unicode.hpp"
 #include "volume.hpp"
-#include "volume_state.hpp"
 
 namespace {
 

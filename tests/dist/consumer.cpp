@@ -17,7 +17,6 @@
 #include <morv/support_unix.hpp>
 #include <morv/unicode.hpp>
 #include <morv/volume.hpp>
-#include <morv/volume_state.hpp>
 
 namespace {
 

@@ -75,7 +75,7 @@ class Install(Installed):
         self.assertEqual(result.returncode, 0, result.stderr)
         for path in ("usr/sbin/morvlabel", "usr/share/man/man8/morvlabel.8.gz",
                      "usr/include/morv/morv.hpp", "usr/include/morv/volume.hpp",
-                     "usr/include/morv/volume_state.hpp"):
+                     "usr/include/morv/catalog.hpp"):
             self.assertTrue(os.path.isfile(os.path.join(root, path)), path)
         archives = glob.glob(os.path.join(root, "usr", "lib*", "**", "libmorv.a"), recursive=True)
         pc_files = glob.glob(os.path.join(root, "usr", "lib*", "**", "pkgconfig", "morv.pc"),
