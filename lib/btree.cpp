@@ -601,6 +601,16 @@ morv_err morv_btree_record_locator_open(morv_btree* tree, uint32_t node_number,
   for (morv_btree_record_locator* l = tp->open_locators; l; l = l->priv->next) {
     morv_btree_record_locator_private* p = l->priv;
     if (p->deleted || p->node_number != node_number || p->record_index != record_index) continue;
+    // A locator on another record at this place (a damaged tree led a change
+    // over it) must not take these bytes into a copy of another size: it
+    // names nothing any more, and the record gets a locator of its own.
+    if (p->raw_record_size != record_size || padded(l->key_size) != padded_key ||
+        memcmp(p->record, record, l->key_size) != 0) {
+      MORV_WARNING("Mismatching record data for node %lu, record %hu. Using specified.\n",
+                   morv_ul(node_number), record_index);
+      p->deleted = 1;
+      break;
+    }
     if (p->data_offset != data_offset) {
       MORV_WARNING("Mismatching data pointer offset for node %lu, record %hu (stored: %llu "
                    "specified: %llu). Using specified.\n",
@@ -1574,6 +1584,55 @@ class bitmap_walk {
   return err;
 }
 
+// Whether node `n`, which the bitmap calls free, is all the same part of the
+// tree: the root, the child of an index record, or a map node. Only index
+// nodes and map nodes are read (leaves point at no node), each level along
+// fLink from its leftmost node, bounded and checked for cycles. A damaged
+// bitmap must not make a change overwrite a live node.
+[[nodiscard]] morv_err check_unused(morv_btree* tree, const tree_header& h, uint32_t n) {
+  const uint16_t ns = tree->node_size;
+  bool used = n == h.root();
+  uint32_t leftmost = h.root();
+  for (uint16_t height = h.depth(); !used && height > nd::kLeafHeight; --height) {
+    cycle_check cycle(leftmost);
+    uint32_t node = leftmost;
+    for (uint64_t hops = 0; node != 0 && !used; ++hops) {
+      mapping m(tree->fork);
+      morv_err err = map_node(tree, h, node, static_cast<uint8_t>(height), &m);
+      if (err) return err;
+      const uint16_t count = num_records(m.get());
+      if (count == 0) {
+        MORV_ERROR("Invalid node data: Index node %lu holds no records.\n", morv_ul(node));
+        return MORV_ERR_CORRUPT;
+      }
+      if (hops == 0) leftmost = child_at(m.get(), ns, 0);
+      for (uint16_t i = 0; i < count; ++i) used = used || child_at(m.get(), ns, i) == n;
+      node = load_be32(m.get() + nd::kFLink);
+      if (node != 0 && (hops >= h.total_nodes() || !cycle.step(node))) {
+        MORV_ERROR("Aborting search due to cyclic references in the B-tree.\n");
+        return MORV_ERR_CORRUPT;
+      }
+    }
+  }
+  mapping m(tree->fork);
+  morv_err err = m.map(0, nd::kDescriptorSize);
+  if (err) return err;
+  cycle_check cycle(0);
+  for (uint32_t map = load_be32(m.get() + nd::kFLink); map != 0 && !used;) {
+    used = map == n;
+    if (map >= h.total_nodes() || !cycle.step(map)) {
+      MORV_ERROR("Invalid node data: The map nodes loop back to node %lu.\n", morv_ul(map));
+      return MORV_ERR_CORRUPT;
+    }
+    if ((err = m.unmap()) || (err = m.map(node_offset(tree, map), nd::kDescriptorSize))) return err;
+    map = load_be32(m.get() + nd::kFLink);
+  }
+  if (!used) return MORV_OK;
+  MORV_ERROR("Invalid node data: The node bitmap marks node %lu free, but it is in use.\n",
+             morv_ul(n));
+  return MORV_ERR_CORRUPT;
+}
+
 // The lowest free node from node 1 on, marked in use.
 [[nodiscard]] morv_err claim(morv_btree* tree, uint32_t* out_node) {
   tree_header h;
@@ -1594,7 +1653,9 @@ class bitmap_walk {
                    morv_ul(static_cast<uint32_t>(n)));
         return MORV_ERR_CORRUPT;
       }
-      if ((err = write_node_bit(tree, &h, &walk, static_cast<uint32_t>(n), true))) return err;
+      if ((err = check_unused(tree, h, static_cast<uint32_t>(n))) ||
+          (err = write_node_bit(tree, &h, &walk, static_cast<uint32_t>(n), true)))
+        return err;
       *out_node = static_cast<uint32_t>(n);
       return MORV_OK;
     }
@@ -2199,7 +2260,9 @@ namespace {
   if ((err = edit_levels(tree, path, path.last(), e, &placed))) return err;
   if ((err = bump_leaf_records(tree, true))) return err;
   mapping leaf(tree->fork);
-  if ((err = leaf.map(node_offset(tree, placed.node), ns))) return err;
+  if ((err = read_tree_header(tree, &h)) ||
+      (err = map_node(tree, h, placed.node, nd::kLeafHeight, &leaf)))
+    return err;
   if ((err = open_on(tree, placed.node, leaf.get(), placed.index, out_locator))) {
     MORV_ERROR("Error while creating morv_btree_record_locator.\n");
     return err;

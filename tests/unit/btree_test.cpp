@@ -565,3 +565,52 @@ TEST(BtreeRecords, EmptiedLeafIsFreedAndItsRecordsGoElsewhere) {
   ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
   EXPECT_EQ(check_structure(image.path()), "");
 }
+
+// Found by fuzzing: a node bitmap that marks the tree's own nodes free. A
+// split must not take a live node (it would overwrite it, and the locator of
+// the record it held would be handed out for another record).
+TEST(BtreeDamage, NodesInUseThatTheBitmapCallsFreeAreNotClaimed) {
+  Image image(kFailureExtents);
+  const auto header_node = read_file(image, vh::kExtentsFile, 0, 512);
+  std::vector<uint8_t> map_record(256, 0);
+  map_record[0] = 0x80;  // only node 0, the header node, in use
+  patch_file(image, vh::kExtentsFile, load_be16(&header_node[512 - 6]), map_record);
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  const auto before = read_fork(image.tree(), 0, *image.tree()->fork->logical_size);
+  const ExtKey k{17, 0, 9};  // inside a full leaf: the insertion splits it
+  const std::string log = stderr_of(
+      [&] { EXPECT_EQ(insert(image.extents(), k, ext_record(k, 1)), MORV_ERR_CORRUPT); });
+  EXPECT_THAT(log, HasSubstr("The node bitmap marks node 1 free, but it is in use."));
+  EXPECT_TRUE(read_fork(image.tree(), 0, before.size()) == before);
+}
+
+// A locator left on a place whose record changed under it (here by a write
+// that went around the engine) is not handed out for the record now there:
+// it names nothing any more.
+TEST(BtreeLocators, AStaleLocatorIsNotReusedForAnotherRecord) {
+  Image image(kFailureExtents);
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  const auto model = tree_contents(tree);
+  const ExtKey first = model.begin()->first, second = std::next(model.begin())->first;
+  morv_btree_record_locator* stale = find(tree, first);
+  const uint64_t node = uint64_t{*stale->node_number} * tree->node_size;
+  auto bytes = read_fork(tree, node, tree->node_size);
+  const uint16_t at = load_be16(&bytes[tree->node_size - 2]);
+  const Key key = ext_key(second);
+  std::copy(key.begin(), key.end(), bytes.begin() + at);  // record 0 now carries the second key
+  ASSERT_EQ(morv_fork_write(tree->fork, node, bytes.data(), bytes.size(), nullptr), MORV_OK);
+  morv_btree_record_locator* fresh = nullptr;
+  stderr_of([&] {
+    morv_btree_search_result r;
+    morv_btree_search_result_init(&r);
+    ASSERT_EQ(morv_btree_search_node(tree, key.data(), &r), MORV_OK);
+    fresh = r.locator;
+  });
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_NE(fresh, stale);
+  EXPECT_EQ(ext_tuple(fresh->key), second);
+  EXPECT_EQ(morv_btree_record_locator_write_data(stale, bytes.data(), 64), MORV_ERR_INTERNAL);
+  morv_btree_record_locator_close(&fresh);
+  morv_btree_record_locator_close(&stale);
+}
