@@ -2,7 +2,8 @@
 # Installs the Debian packages that building and testing need, when missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
-          g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
+          g++-arm-linux-gnueabihf qemu-user xorriso util-linux
+          clang-14 libclang-rt-14-dev llvm-14)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
