@@ -174,8 +174,8 @@ void iterate(morv_btree* tree, const std::vector<uint8_t>& key) {
 }
 
 void insert(morv_btree* tree, const std::vector<uint8_t>& key, uint16_t data_size, uint8_t fill) {
-  std::vector<uint8_t> data(data_size);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(fill + i);
+  std::vector<uint8_t> data(data_size + size_t{1});  // never a null pointer
+  for (size_t i = 0; i < data_size; ++i) data[i] = static_cast<uint8_t>(fill + i);
   morv_btree_record_locator* inserted = nullptr;
   const morv_err err = all_or_nothing(tree, "insertion", [&] {
     return morv_btree_insert_record(tree, key.data(), data.data(), data_size, nullptr, &inserted);
@@ -219,12 +219,12 @@ void rename(morv_catalog* catalog, uint32_t cnid, uint32_t new_parent, const uni
     store_be32(parent_be, new_parent);
     uint32_t parent_word;
     memcpy(&parent_word, parent_be, 4);
-    units_t name_be(name.size());
+    units_t name_be(name.size() + 1);  // never a null pointer, even for an empty name
     for (size_t i = 0; i < name.size(); ++i)
       store_be16(reinterpret_cast<uint8_t*>(&name_be[i]), name[i]);
     (void)all_or_nothing(catalog->priv->tree, "rename", [&] {
       return morv_catalog_rename_record(catalog, &item.locator, parent_word, name_be.data(),
-                                        name_be.size());
+                                        name.size());
     });
   } while (false);
   morv_catalog_search_result_release(&item);

@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Groups fuzz findings by cause.
 
-    triage.py BINARY FINDING_OR_DIR...
+    triage.py [-v] BINARY FINDING_OR_DIR...
 
 Replays every finding once through the target BINARY and names its cause:
 the broken property, or the sanitizer's error kind (timeouts and memory
 limits included) with the first frame in lib/ or tools/.  Prints one line
-per cause: the number of findings, the smallest reproducer and the cause.
+per cause: the number of findings, the smallest reproducer and the cause;
+-v first prints the cause of every finding.
 """
 
 import os
@@ -28,10 +29,16 @@ CAUSES = [
 ]
 
 
+def function(frame):
+    return frame.group(1).replace("(anonymous namespace)::", "").split("(")[0]
+
+
 def cause(binary, path):
+    env = dict(os.environ, UBSAN_OPTIONS="print_stacktrace=1")
     try:
         out = subprocess.run([binary, "-runs=1", "-timeout=10", "-malloc_limit_mb=256", path],
-                             capture_output=True, text=True, errors="replace", timeout=120)
+                             capture_output=True, text=True, errors="replace", timeout=120,
+                             env=env)
         text = out.stdout + out.stderr
     except subprocess.TimeoutExpired:
         return "hang (beyond 120 s)"
@@ -39,17 +46,18 @@ def cause(binary, path):
         m = pattern.search(text)
         if m:
             what = re.sub(r"\d{6,}", "N", m.group(1))
-            frames = [f for f in FRAME.finditer(text) if f.group(1).split("(")[0] not in ALLOCATORS]
-            where = ""
-            if frames:
-                f = frames[0]
-                where = " at %s %s:%s" % (f.group(1).split("(")[0],
-                                          os.path.relpath(f.group(2), REPO), f.group(3))
+            frames = [f for f in FRAME.finditer(text[m.start():]) if function(f) not in ALLOCATORS]
+            # A hang is named by the loop around it as much as by where it was.
+            shown = frames[:3] if kind == "hang" else frames[:1]
+            where = "".join(" at %s %s:%s" % (function(f), os.path.relpath(f.group(2), REPO),
+                                               f.group(3)) for f in shown)
             return "%s: %s%s" % (kind, what, where)
     return "no report (exit %d)" % out.returncode
 
 
 def main(argv):
+    verbose = "-v" in argv
+    argv = [a for a in argv if a != "-v"]
     if len(argv) < 3:
         print(__doc__.strip(), file=sys.stderr)
         return 2
@@ -62,7 +70,10 @@ def main(argv):
             paths.append(arg)
     groups = defaultdict(list)
     for p in paths:
-        groups[cause(binary, p)].append(p)
+        c = cause(binary, p)
+        groups[c].append(p)
+        if verbose:
+            print("%s: %s" % (p, c), flush=True)
     for c, members in sorted(groups.items(), key=lambda g: -len(g[1])):
         smallest = min(members, key=os.path.getsize)
         print("%4d  %s\n      %s (%d bytes)" % (len(members), c, smallest, os.path.getsize(smallest)))
