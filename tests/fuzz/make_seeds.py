@@ -6,15 +6,16 @@
 Writes OUT_DIR/print, change, btree and unicode.  The volume seeds are small
 volumes of every shape tests/support/mkimage.py makes (HFS+ and HFSX, block
 and node sizes, fragmented catalog, overflow extents, deep and scattered
-trees, full and empty catalogs, and each of its --corrupt damages), cut
-after the last byte of their metadata (the tool never reads further).  The
-boot blocks (bytes 0..1023, which the library never reads) carry what a
-target takes besides the image: the label choice of fuzz_change, the
-operation script of fuzz_btree; fuzz_print gets them zero.
+trees, full and empty catalogs, and each of its --corrupt damages), each on
+the smallest device that holds it.  The boot blocks (bytes 0..1023, which
+the library never reads) carry what a target takes besides the image: the
+label choice of fuzz_change, the operation script of fuzz_btree; fuzz_print
+gets them zero.
 """
 
 import json
 import os
+import re
 import shutil
 import struct
 import subprocess
@@ -76,32 +77,105 @@ CHANGE_LABELS = {"same-length": 0, "longer": 1, "max": 14, "precomposed": 6}
 
 # ---------------------------------------------------------------- images
 
+TOO_SMALL = re.compile(r"needs (\d+) allocation blocks of (\d+) bytes")
+
+
 def build(name, options, work):
+    """The image on the smallest device the image builder accepts for it."""
     path = os.path.join(work, name + ".img")
     args = list(options)
     if "--label" not in args:
         args += ["--label", LABEL]
-    out = subprocess.run([sys.executable, MKIMAGE, path, "--size", "262144", "--info"] + args,
-                         capture_output=True, text=True)
+    size = 4096
+    for _ in range(32):
+        out = subprocess.run([sys.executable, MKIMAGE, path, "--size", str(size), "--info"] + args,
+                             capture_output=True, text=True)
+        need = TOO_SMALL.search(out.stderr)
+        if out.returncode == 0 or "too small" not in out.stderr:
+            break
+        if need:
+            size = max(size + 512, int(need.group(1)) * int(need.group(2)))
+        else:
+            size *= 2
     if out.returncode != 0:
         raise SystemExit("make_seeds: %s: %s" % (name, out.stderr.strip()))
-    info = json.loads(out.stdout)
     with open(path, "rb") as f:
-        image = f.read()
-    return image[:metadata_end(image, info)], info
+        return f.read(), json.loads(out.stdout)
 
 
-def metadata_end(image, info):
-    """Bytes up to the end of the last block of the volume header, the
-    extents overflow file and the catalog file."""
+# ---------------------------------------------------------------- findings
+
+# Damages the fuzz campaigns found, kept as seeds so that every smoke run
+# tries them again: an image builder shape, then a patch of a few bytes.
+
+def catalog_node(image, node):
+    """Byte offset of catalog node `node` and the node size (a catalog in
+    its first extent)."""
     header = image[1024:1536]
     block_size = struct.unpack_from(">I", header, 40)[0]
-    end = 1536
-    extents = [struct.unpack_from(">II", header, 192 + 16 + 8 * i) for i in range(8)]
-    for start, count in extents + [tuple(e) for e in info["catalog_extents"]]:
-        if count:
-            end = max(end, (start + count) * block_size)
-    return end
+    start = struct.unpack_from(">I", header, 272 + 16)[0] * block_size
+    node_size = struct.unpack_from(">H", image, start + 14 + 18)[0]
+    return start + node * node_size, node_size
+
+
+def leaf_records(image):
+    """(node, byte offset of the record) of every catalog leaf record."""
+    base, node_size = catalog_node(image, 0)
+    total = struct.unpack_from(">I", image, base + 14 + 22)[0]
+    for node in range(1, total):
+        at = base + node * node_size
+        kind, count = struct.unpack_from(">bxH", image, at + 8)
+        if kind != -1:
+            continue
+        for i in range(count):
+            yield node, at + struct.unpack_from(">H", image, at + node_size - 2 * (i + 1))[0]
+
+
+def root_folder_key(image):
+    for _, at in leaf_records(image):
+        if struct.unpack_from(">I", image, at + 2)[0] == 1:
+            return at
+    raise SystemExit("make_seeds: no root folder record")
+
+
+def patch(image, at, data):
+    return image[:at] + data + image[at + len(data):]
+
+
+def found_root_name_length(image):
+    """The root folder's nodeName length says 255 units; its keyLength
+    holds 4: volume set-up copies the label beyond the key."""
+    return patch(image, root_folder_key(image) + 6, b"\x00\xff")
+
+
+def found_fork_size(image):
+    """The catalog's logicalSize is 2^48 bytes: the fork sizes its cache
+    item array (2 GiB) from it before any check."""
+    return patch(image, 1024 + 272, struct.pack(">Q", 1 << 48))
+
+
+def found_total_nodes(image):
+    """An index cycle under totalNodes 0xFFFFFFFF: the descent is bounded
+    only by totalNodes."""
+    header, _ = catalog_node(image, 0)
+    return patch(image, header + 14 + 22, b"\xff\xff\xff\xff")
+
+
+def found_leaf_cycle(image):
+    """A leaf whose fLink is itself: iteration from the first leaf never
+    ends (every step returns a record)."""
+    node = sorted({n for n, _ in leaf_records(image)})[1]
+    at, _ = catalog_node(image, node)
+    return patch(image, at, struct.pack(">I", node))
+
+
+# name: (shape, patch, targets)
+FOUND = {
+    "found-root-name-length": ("few", found_root_name_length, ("print", "change")),
+    "found-fork-size": ("few", found_fork_size, ("print", "change", "btree")),
+    "found-total-nodes": ("corrupt-index-cycle", found_total_nodes, ("print", "change")),
+    "found-leaf-cycle": ("few", found_leaf_cycle, ("btree",)),
+}
 
 
 # ---------------------------------------------------------------- scripts
@@ -191,6 +265,9 @@ def unicode_seeds():
            b"\x01\x02" + b"\x00\xd8A\x00", b"\x01\x02" + b"\x00\xdc", b"\x02\x04a\x00\x00\x00b\x00"]
     for i, b in enumerate(bad):
         seeds["bad-%02d" % i] = b
+    # Found by fuzzing: composition went on past a 0 unit behind a unit that
+    # a single-unit row composes (U+0060).
+    seeds["found-compose-past-zero"] = b"\0\0" + struct.pack("<3H", 0x60, 0, 0x58)
     return seeds
 
 
@@ -211,8 +288,10 @@ def main(argv):
     for sub in ("print", "change", "btree", "unicode", "work"):
         shutil.rmtree(os.path.join(out, sub), ignore_errors=True)
     os.makedirs(work)
+    images = {}
     for name, options in SHAPES.items():
         image, info = build(name, options, work)
+        images[name] = image
         label = options[options.index("--label") + 1] if "--label" in options else LABEL
         info["label"] = label
         info["folders"] = int(options[options.index("--folders") + 1]) if "--folders" in options else 0
@@ -227,6 +306,12 @@ def main(argv):
                 continue  # a script around a 255-unit label does not fit
             write(os.path.join(out, "btree"), "%s-%s" % (name, script_name),
                   script.ljust(BOOT, b"\0") + body)
+    for name, (shape, damage, targets) in FOUND.items():
+        image = damage(images[shape])
+        boots = {"print": b"", "change": bytes([0]), "btree": op(ITERATE, catalog_key(0, name_empty()))
+                 + op(BY_CNID, bytes([2, 1])) + op(RENAME, bytes([2, 1]), name_raw("Found"))}
+        for target in targets:
+            write(os.path.join(out, target), name, boots[target].ljust(BOOT, b"\0") + image[BOOT:])
     for name, data in unicode_seeds().items():
         write(os.path.join(out, "unicode"), name, data)
     shutil.rmtree(work)

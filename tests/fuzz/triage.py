@@ -46,7 +46,9 @@ def cause(binary, path):
         m = pattern.search(text)
         if m:
             what = re.sub(r"\d{6,}", "N", m.group(1))
-            frames = [f for f in FRAME.finditer(text[m.start():]) if function(f) not in ALLOCATORS]
+            # ASan names its error in the summary line, after the stacks.
+            anchor = text.find("ERROR: AddressSanitizer") if kind == "asan" else m.start()
+            frames = [f for f in FRAME.finditer(text[max(anchor, 0):]) if function(f) not in ALLOCATORS]
             # A hang is named by the loop around it as much as by where it was.
             shown = frames[:3] if kind == "hang" else frames[:1]
             where = "".join(" at %s %s:%s" % (function(f), os.path.relpath(f.group(2), REPO),
