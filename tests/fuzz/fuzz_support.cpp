@@ -105,23 +105,26 @@ bool valid_utf8(const std::string& text) {
   const auto* s = reinterpret_cast<const uint8_t*>(text.data());
   const size_t n = text.size();
   size_t i = 0;
+  // Per sequence length: lead byte mask and tag, payload bits of the lead,
+  // the lowest code point that needs that length.
+  struct form {
+    uint8_t mask, tag, bits;
+    uint32_t lowest;
+  };
+  constexpr form kForms[] = {{0xE0, 0xC0, 0x1F, 0x80}, {0xF0, 0xE0, 0x0F, 0x800},
+                             {0xF8, 0xF0, 0x07, 0x10000}};
   while (i < n) {
     const uint8_t lead = s[i];
-    size_t extra = 0;
-    uint32_t cp = 0;
-    uint32_t lowest = 0;
     if (lead < 0x80) {
       ++i;
       continue;
-    } else if ((lead & 0xE0) == 0xC0) {
-      extra = 1, cp = lead & 0x1F, lowest = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-      extra = 2, cp = lead & 0x0F, lowest = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-      extra = 3, cp = lead & 0x07, lowest = 0x10000;
-    } else {
-      return false;
     }
+    size_t extra = 0;
+    while (extra < 3 && (lead & kForms[extra].mask) != kForms[extra].tag) ++extra;
+    if (extra == 3) return false;
+    const form& f = kForms[extra++];
+    uint32_t cp = lead & f.bits;
+    const uint32_t lowest = f.lowest;
     if (n - i <= extra) return false;
     for (size_t k = 1; k <= extra; ++k) {
       if ((s[i + k] & 0xC0) != 0x80) return false;

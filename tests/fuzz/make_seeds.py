@@ -105,76 +105,115 @@ def build(name, options, work):
 
 # ---------------------------------------------------------------- findings
 
-# Damages the fuzz campaigns found, kept as seeds so that every smoke run
-# tries them again: an image builder shape, then a patch of a few bytes.
+# Damages found by fuzzing or reported against the library, kept as seeds so
+# that every smoke run tries them again: an image builder shape, then a patch
+# of a few bytes.
 
-def catalog_node(image, node):
-    """Byte offset of catalog node `node` and the node size (a catalog in
-    its first extent)."""
+CATALOG_FORK = 272
+EXTENTS_FORK = 192
+
+
+def tree_node(image, fork, node):
+    """Byte offset of node `node` of the tree in the special file whose fork
+    data is at `fork` in the volume header (the tree in its first extent),
+    and the node size."""
     header = image[1024:1536]
     block_size = struct.unpack_from(">I", header, 40)[0]
-    start = struct.unpack_from(">I", header, 272 + 16)[0] * block_size
+    start = struct.unpack_from(">I", header, fork + 16)[0] * block_size
     node_size = struct.unpack_from(">H", image, start + 14 + 18)[0]
     return start + node * node_size, node_size
 
 
-def leaf_records(image):
-    """(node, byte offset of the record) of every catalog leaf record."""
-    base, node_size = catalog_node(image, 0)
+def leaf_records(image, fork=CATALOG_FORK):
+    """(node, byte offset, size) of every leaf record of a tree."""
+    base, node_size = tree_node(image, fork, 0)
     total = struct.unpack_from(">I", image, base + 14 + 22)[0]
     for node in range(1, total):
         at = base + node * node_size
         kind, count = struct.unpack_from(">bxH", image, at + 8)
         if kind != -1:
             continue
+        offsets = [struct.unpack_from(">H", image, at + node_size - 2 * (i + 1))[0]
+                   for i in range(count + 1)]
         for i in range(count):
-            yield node, at + struct.unpack_from(">H", image, at + node_size - 2 * (i + 1))[0]
+            yield node, at + offsets[i], offsets[i + 1] - offsets[i]
 
 
-def root_folder_key(image):
-    for _, at in leaf_records(image):
-        if struct.unpack_from(">I", image, at + 2)[0] == 1:
-            return at
-    raise SystemExit("make_seeds: no root folder record")
+def catalog_record(image, parent, name_length):
+    """Offset and size of the first leaf record keyed (parent, a name of
+    `name_length` units)."""
+    for _, at, size in leaf_records(image):
+        if struct.unpack_from(">IH", image, at + 2) == (parent, name_length):
+            return at, size
+    raise SystemExit("make_seeds: no catalog record of parent %d" % parent)
 
 
 def patch(image, at, data):
     return image[:at] + data + image[at + len(data):]
 
 
-def found_root_name_length(image):
+def root_name_length(image):
     """The root folder's nodeName length says 255 units; its keyLength
-    holds 4: volume set-up copies the label beyond the key."""
-    return patch(image, root_folder_key(image) + 6, b"\x00\xff")
+    holds 4: volume set-up copied the label beyond the key."""
+    at, _ = catalog_record(image, 1, len(LABEL))
+    return patch(image, at + 6, b"\x00\xff")
 
 
-def found_fork_size(image):
-    """The catalog's logicalSize is 2^48 bytes: the fork sizes its cache
+def fork_size(image):
+    """The catalog's logicalSize is 2^48 bytes: the fork sized its cache
     item array (2 GiB) from it before any check."""
-    return patch(image, 1024 + 272, struct.pack(">Q", 1 << 48))
+    return patch(image, 1024 + CATALOG_FORK, struct.pack(">Q", 1 << 48))
 
 
-def found_total_nodes(image):
-    """An index cycle under totalNodes 0xFFFFFFFF: the descent is bounded
+def total_nodes(image):
+    """An index cycle under totalNodes 0xFFFFFFFF: the descent was bounded
     only by totalNodes."""
-    header, _ = catalog_node(image, 0)
+    header, _ = tree_node(image, CATALOG_FORK, 0)
     return patch(image, header + 14 + 22, b"\xff\xff\xff\xff")
 
 
-def found_leaf_cycle(image):
+def leaf_cycle(image):
     """A leaf whose fLink is itself: iteration from the first leaf never
-    ends (every step returns a record)."""
-    node = sorted({n for n, _ in leaf_records(image)})[1]
-    at, _ = catalog_node(image, node)
+    ended (every step returned a record)."""
+    node = sorted({n for n, _, _ in leaf_records(image)})[1]
+    at, _ = tree_node(image, CATALOG_FORK, node)
     return patch(image, at, struct.pack(">I", node))
+
+
+def whole_record_key(image, parent, name_length):
+    """The record's keyLength covers the whole record, leaving no data."""
+    at, size = catalog_record(image, parent, name_length)
+    return patch(image, at, struct.pack(">H", size - 2))
+
+
+def root_thread_no_data(image):
+    return whole_record_key(image, 2, 0)
+
+
+def root_folder_no_data(image):
+    return whole_record_key(image, 1, len(LABEL))
+
+
+def extents_wrap(image):
+    """The catalog's overflow extents record holds eight extents of 2^32
+    blocks in all: the count of blocks seen wrapped to where it was and the
+    same record was found again and again."""
+    _, at, _ = next(leaf_records(image, EXTENTS_FORK))
+    counts = [0xFFFFFFF9] + [1] * 7
+    record = b"".join(struct.pack(">II", struct.unpack_from(">I", image, at + 12)[0], c)
+                      for c in counts)
+    return patch(image, at + 12, record)
 
 
 # name: (shape, patch, targets)
 FOUND = {
-    "found-root-name-length": ("few", found_root_name_length, ("print", "change")),
-    "found-fork-size": ("few", found_fork_size, ("print", "change", "btree")),
-    "found-total-nodes": ("corrupt-index-cycle", found_total_nodes, ("print", "change")),
-    "found-leaf-cycle": ("few", found_leaf_cycle, ("btree",)),
+    "found-root-name-length": ("few", root_name_length, ("print", "change")),
+    "found-fork-size": ("few", fork_size, ("print", "change", "btree")),
+    "found-total-nodes": ("corrupt-index-cycle", total_nodes, ("print", "change")),
+    "found-leaf-cycle": ("few", leaf_cycle, ("btree",)),
+    "known-root-thread-no-data": ("few", root_thread_no_data, ("print", "change")),
+    "known-root-folder-no-data": ("few", root_folder_no_data, ("change",)),
+    "known-extents-wrap": ("fragmented-catalog", extents_wrap, ("print",)),
 }
 
 
