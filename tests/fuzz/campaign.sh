@@ -19,8 +19,9 @@
 # the image builder at build time, are in DIR/seeds/TARGET). Findings
 # (crash-*, leak-*, timeout-*, oom-*) go to DIR/findings/TARGET, libFuzzer's
 # output to DIR/logs/TARGET.log. The summary at the end gives, per target,
-# the executions, the edges covered out of the instrumented ones, the corpus
-# size and the findings. Replay one finding with its log lines:
+# the executions, the edges of lib/ and tools/ that the corpus covers out of
+# all their edges, the corpus size and the findings. Replay one finding with
+# its log lines:
 #
 #   MORV_FUZZ_LOG=1 build/fuzz/fuzz_print build/fuzz/findings/print/crash-...
 #
@@ -64,7 +65,7 @@ target_options() {
   esac
 }
 
-# "execs cov ft corpus" from the last status line of a libFuzzer log, and
+# "execs cov ft corpus edges" from a libFuzzer log: its last status line and
 # the instrumented edge count.
 log_figures() {
   local line
@@ -103,22 +104,29 @@ for t in "${targets[@]}"; do
     ((keep_going)) && options+=(-ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1)
   fi
   echo "=== fuzz $t: ${time_per_target}s, $jobs worker(s) ==="
+  started="$findings/.started"
+  touch "$started"
   rc=0
   "$binary" "${options[@]}" "$corpus" "$seeds" >"$log" 2>&1 || rc=$?
-  found=$(find "$findings" -maxdepth 1 -type f | wc -l)
+  found=$(find "$findings" -maxdepth 1 -type f -name '[a-z]*' -newer "$started" | wc -l)
   read -r execs cov ft corp edges <<<"$(log_figures "$log")"
-  # Fork mode counts coverage its own way: the edges come from one replay of
-  # the corpus.
-  if ((jobs > 1 || keep_going)); then
+  coverage="$cov of $edges edges"
+  if ((!smoke)); then
+    # Coverage from one replay of the corpus (fork mode counts its own way),
+    # for the code of lib/ and tools/ alone.
     replay="$log.replay"
-    "$binary" "${options[@]/-fork=*/-runs=0}" "$corpus" >"$replay" 2>&1 || true
-    read -r _ cov ft _ _ <<<"$(log_figures "$replay")"
+    read -r -a replay_options <<<"$(target_options "$t")"
+    "$binary" "${replay_options[@]}" -runs=0 -print_coverage=1 "$corpus" >"$replay" 2>&1 || true
+    coverage=$(awk -v lib="$PWD/lib/" -v tools="$PWD/tools/" '
+      /COVERED_FUNC: / && (index($NF, lib) == 1 || index($NF, tools) == 1) {
+        split($5, e, "/"); covered += e[1]; all += e[2] }
+      END { printf "lib+tools %d of %d edges", covered, all }' "$replay")
   fi
-  summary+=("$(printf '%-8s %12s execs  cov %6s of %6s edges  ft %6s  corpus %5s  findings %s' \
-    "$t" "$execs" "$cov" "$edges" "$ft" "$corp" "$found")")
+  summary+=("$(printf '%-8s %12s execs  %-32s corpus %5s  findings %s' \
+    "$t" "$execs" "$coverage" "$corp" "$found")")
   if ((rc != 0 || found > 0)); then
     status=1
-    echo "fuzz $t: libFuzzer exited $rc with $found finding(s) in $findings; log $log" >&2
+    echo "fuzz $t: libFuzzer exited $rc with $found new finding(s) in $findings; log $log" >&2
     grep -aE '^(==[0-9]+==ERROR|SUMMARY|==== fuzz property|ALARM|[^ ]*runtime error)' "$log" | head -n 20 >&2 || true
     ((smoke)) && tail -n 60 "$log" >&2
   fi
