@@ -1,12 +1,82 @@
-// Opening and closing the allocation file.
+// The allocation bitmap: opening the allocation file, allocating and freeing
+// runs of blocks, and choosing where a growing fork's next blocks go.
+//
+// Bits are read through mappings of the allocation file's fork and changed
+// one byte at a time with morv_fork_write at the byte's own position, so a
+// change sits in the cache until morv_bitmap_flush. Undoing a change writes
+// bytes whose sectors the change already loaded; such a write needs neither
+// memory nor a device transfer and so cannot fail for want of either.
 #include "bitmap.hpp"
 
+#include <cstring>
+
+#include "extents.hpp"
 #include "fork.hpp"
 #include "support_unix.hpp"
+#include "volume.hpp"
 
 namespace {
 constexpr const char* kLogSource = "bitmap";
+
+constexpr uint64_t kFreeChunkSize = 4096;  // FreeAllocationBlock maps the bitmap in 4 KiB chunks
+constexpr uint32_t kBitsPerByte = 8;
+
+uint8_t block_mask(uint64_t block) { return static_cast<uint8_t>(0x80u >> (block % kBitsPerByte)); }
+morv_fork* fork_of(const morv_bitmap* bitmap) { return bitmap->priv->fork; }
+uint32_t header_field(const morv_volume* volume, size_t offset) {
+  return load_be32(volume->header + offset);
 }
+uint32_t extent_start(const uint8_t* record, size_t i) {
+  return load_be32(record + i * forkdata::kExtentSize + forkdata::kExtentStartBlock);
+}
+uint32_t extent_blocks(const uint8_t* record, size_t i) {
+  return load_be32(record + i * forkdata::kExtentSize + forkdata::kExtentBlockCount);
+}
+
+[[nodiscard]] morv_err read_byte(morv_fork* fork, uint64_t index, uint8_t* out) {
+  return morv_fork_read(fork, index, out, 1, nullptr);
+}
+[[nodiscard]] morv_err write_byte(morv_fork* fork, uint64_t index, uint8_t value) {
+  return morv_fork_write(fork, index, &value, 1, nullptr);
+}
+
+// Sets or clears the bit of a block whose sector is in the cache already.
+[[nodiscard]] morv_err put_bit(morv_fork* fork, uint64_t block, bool allocated) {
+  uint8_t byte = 0;
+  if (morv_err err = read_byte(fork, block / kBitsPerByte, &byte)) return err;
+  byte = allocated ? (byte | block_mask(block)) : (byte & ~block_mask(block));
+  return write_byte(fork, block / kBitsPerByte, byte);
+}
+
+// A mapping of bitmap bytes released on every path; `first` is the fork
+// offset of data[0].
+class bitmap_mapping {
+ public:
+  explicit bitmap_mapping(morv_fork* fork) : fork_(fork) {}
+  bitmap_mapping(const bitmap_mapping&) = delete;
+  bitmap_mapping& operator=(const bitmap_mapping&) = delete;
+  ~bitmap_mapping() { (void)unmap(); }
+  [[nodiscard]] morv_err map(uint64_t first, size_t length) {
+    if (morv_err err = morv_fork_map(fork_, first, &data_, length, nullptr)) return err;
+    first_ = first;
+    length_ = length;
+    return MORV_OK;
+  }
+  [[nodiscard]] morv_err unmap() {
+    if (!data_) return MORV_OK;
+    return morv_fork_unmap(fork_, first_, &data_, length_);
+  }
+  bool holds(uint64_t index) const { return data_ && index >= first_ && index - first_ < length_; }
+  uint8_t at(uint64_t index) const { return data_[index - first_]; }
+
+ private:
+  morv_fork* fork_;
+  uint8_t* data_ = nullptr;
+  uint64_t first_ = 0;
+  size_t length_ = 0;
+};
+
+}  // namespace
 
 morv_err morv_bitmap_create(uint8_t* volume_header, morv_device* device, morv_extents* extents,
                             morv_bitmap** out) {
@@ -44,3 +114,486 @@ void morv_bitmap_destroy(morv_bitmap** bitmap) {
 }
 
 morv_err morv_bitmap_flush(morv_bitmap* bitmap) { return morv_fork_flush(bitmap->priv->fork); }
+
+// ---- Freeing and allocating ----
+
+morv_err FreeAllocationBlock(uint32_t block, morv_bitmap* bitmap) {
+  if (!bitmap) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  morv_fork* fork = fork_of(bitmap);
+  const uint64_t byte = block / kBitsPerByte;
+  const uint64_t chunk = byte / kFreeChunkSize * kFreeChunkSize;
+  // The last chunk of a bitmap that is not a whole number of chunks is
+  // mapped as far as the file goes.
+  uint64_t length = kFreeChunkSize;
+  if (chunk < *fork->logical_size && *fork->logical_size - chunk < length)
+    length = *fork->logical_size - chunk;
+  bitmap_mapping m(fork);
+  morv_err err = byte - chunk < length ? m.map(chunk, static_cast<size_t>(length))
+                                       : MORV_ERR_INVALID_ARGUMENT;
+  if (err) {
+    MORV_ERROR("Error while mapping byte containing bit to clear in allocation file.\n");
+    return err;
+  }
+  morv_err result = MORV_ERR_GENERIC;  // already clear: nothing to write
+  if (m.at(byte) & block_mask(block)) {
+    // The byte goes back at its own position in the chunk (the format's
+    // place for this block), never at the chunk's start.
+    result = write_byte(fork, byte, static_cast<uint8_t>(m.at(byte) & ~block_mask(block)));
+    if (result) MORV_ERROR("Error while writing back modified byte to allocation file.\n");
+  }
+  if ((err = m.unmap())) {
+    MORV_ERROR("Error while unmapping chunk containing bit to clear.\n");
+    if (result == MORV_OK) result = err;
+  }
+  return result;
+}
+
+namespace {
+
+// Clears the bits of blocks [start, end) set by a failed allocation, newest
+// first; a failed write is reported and the others are still cleared.
+void roll_back_run(morv_fork* fork, uint64_t start, uint64_t end) {
+  for (uint64_t b = end; b-- > start;) {
+    if (put_bit(fork, b, false) != MORV_OK)
+      MORV_ERROR("Error while rolling back modification to bitmap bit %lu.%s\n",
+                 morv_ul(static_cast<uint32_t>(b)),
+                 " Ignoring and continuing to attempt rollback of remaining blocks...");
+  }
+}
+
+// Sets the bits of [start, end) from the mapping; *handled is the end of
+// the bits set when it stops.
+[[nodiscard]] morv_err set_run(morv_fork* fork, const bitmap_mapping& m, uint64_t start,
+                               uint64_t end, uint64_t* handled) {
+  for (uint64_t b = start; b < end; ++b) {
+    const uint8_t byte = m.at(b / kBitsPerByte);
+    if (byte & block_mask(b)) {
+      MORV_ERROR("Block %d is already allocated.\n", static_cast<int>(b));
+      return MORV_ERR_GENERIC;
+    }
+    if (morv_err err = write_byte(fork, b / kBitsPerByte, byte | block_mask(b))) {
+      MORV_ERROR("Error while writing out modified bitmap byte.\n");
+      return err;
+    }
+    *handled = b + 1;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
+morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, morv_volume* volume) {
+  if (!volume || !volume->bitmap) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint64_t start = start_block;
+  const uint64_t end = start + count;
+  const uint32_t total_blocks = header_field(volume, vh::kTotalBlocks);
+  if (end > total_blocks) {
+    MORV_ERROR("Blocks %llu to %llu lie beyond the volume's %lu allocation blocks.\n",
+               morv_ull(start), morv_ull(end), morv_ul(total_blocks));
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (count == 0) return MORV_OK;
+  morv_fork* fork = fork_of(volume->bitmap);
+  bitmap_mapping m(fork);
+  const uint64_t first_byte = start / kBitsPerByte;
+  if (morv_err err = m.map(first_byte, static_cast<size_t>((end + 7) / kBitsPerByte - first_byte))) {
+    MORV_ERROR("Error while mapping from allocation file the region of data containing the bitmap "
+               "bits for the blocks that we are allocating.\n");
+    return err;
+  }
+  uint64_t handled = start;
+  morv_err result = set_run(fork, m, start, end, &handled);
+  if (result) {
+    roll_back_run(fork, start, handled);
+  } else {
+    morv_volume_decrement_free_blocks(volume, count);
+    if (header_field(volume, vh::kNextAllocation) == start_block)
+      morv_volume_set_next_allocation(volume, static_cast<uint32_t>(end));
+  }
+  if (morv_err err = m.unmap()) {
+    MORV_ERROR("Error while unmapping chunk containing bits to set.\n");
+    if (result == MORV_OK) result = err;
+  }
+  return result;
+}
+
+morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint32_t count,
+                                 uint32_t next_allocation) {
+  morv_fork* fork = fork_of(volume->bitmap);
+  morv_err result = MORV_OK;
+  for (uint64_t b = start_block; b < uint64_t{start_block} + count; ++b) {
+    if (morv_err err = put_bit(fork, b, false)) {
+      MORV_ERROR("Error while clearing bitmap bit %lu.\n", morv_ul(static_cast<uint32_t>(b)));
+      if (result == MORV_OK) result = err;
+    }
+  }
+  morv_volume_increment_free_blocks(volume, count);
+  morv_volume_set_next_allocation(volume, next_allocation);
+  return result;
+}
+
+namespace {
+
+// The allocation blocks of fork blocks [first, first + count) that an extent
+// record holds, in fork order: calls visit(block) until it fails or `limit`
+// blocks were visited; *visited counts the successful visits.
+template <typename Visit>
+[[nodiscard]] morv_err for_each_block(const uint8_t* record, uint64_t first, uint64_t count,
+                                      uint64_t limit, uint64_t* visited, Visit visit) {
+  const uint64_t end = first + count;
+  uint64_t fork_block = 0;
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord && *visited < limit; ++i) {
+    const uint64_t blocks = extent_blocks(record, i);
+    if (blocks == 0) break;
+    const uint64_t lo = first > fork_block ? first : fork_block;
+    const uint64_t hi = end < fork_block + blocks ? end : fork_block + blocks;
+    for (uint64_t fb = lo; fb < hi && *visited < limit; ++fb) {
+      if (morv_err err = visit(extent_start(record, i) + (fb - fork_block))) return err;
+      ++*visited;
+    }
+    fork_block += blocks;
+  }
+  return MORV_OK;
+}
+
+// Marks allocated again the first `limit` blocks of fork blocks [first,
+// first + count) that an extent record holds, after a free cleared them; a
+// failure is reported and the other blocks are still marked.
+[[nodiscard]] morv_err mark_again(morv_fork* fork, const uint8_t* record, uint64_t first,
+                                  uint64_t count, uint64_t limit) {
+  morv_err result = MORV_OK;
+  uint64_t restored = 0;
+  (void)for_each_block(record, first, count, limit, &restored, [&](uint64_t b) {
+    if (morv_err err = put_bit(fork, b, true)) {
+      MORV_ERROR("Error while marking block %lu allocated again.\n", morv_ul(static_cast<uint32_t>(b)));
+      if (result == MORV_OK) result = err;
+    }
+    return MORV_OK;
+  });
+  return result;
+}
+
+}  // namespace
+
+morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_block, uint32_t count,
+                                    morv_bitmap* bitmap, uint32_t* out_freed) {
+  if (!fork_data || !bitmap) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint8_t* record = fork_data + forkdata::kExtents;
+  uint64_t freed = 0;
+  morv_err err = for_each_block(record, first_block, count, UINT64_MAX, &freed, [&](uint64_t b) {
+    morv_err e = FreeAllocationBlock(static_cast<uint32_t>(b), bitmap);
+    if (e) MORV_ERROR("Error while freeing allocation block %lu.\n", morv_ul(static_cast<uint32_t>(b)));
+    return e;
+  });
+  if (err) {
+    // All or nothing: the blocks already freed are marked again.
+    (void)mark_again(fork_of(bitmap), record, first_block, count, freed);
+    return err;
+  }
+  if (out_freed) *out_freed = static_cast<uint32_t>(freed);
+  return MORV_OK;
+}
+
+morv_err morv_bitmap_restore_extent_blocks(const uint8_t* fork_data, uint32_t first_block,
+                                           uint32_t count, morv_bitmap* bitmap) {
+  return mark_again(fork_of(bitmap), fork_data + forkdata::kExtents, first_block, count, UINT64_MAX);
+}
+
+// ---- Searching ----
+
+namespace {
+
+// Reads bits one fork sector at a time (one allocation block of the
+// allocation file), so that a mapping never crosses a cache item and takes
+// exactly the one reference its unmap gives back.
+class bit_reader {
+ public:
+  explicit bit_reader(morv_fork* fork, uint32_t sector_size)
+      : fork_(fork), sector_size_(sector_size), m_(fork) {}
+  [[nodiscard]] morv_err allocated(uint64_t block, bool* out) {
+    const uint64_t byte = block / kBitsPerByte;
+    if (!m_.holds(byte)) {
+      if (morv_err err = m_.unmap()) {
+        MORV_ERROR("Error while unmapping previous region of bitmap data.\n");
+        return err;
+      }
+      const uint64_t first = byte / sector_size_ * sector_size_;
+      uint64_t length = sector_size_;
+      if (first < *fork_->logical_size && *fork_->logical_size - first < length)
+        length = *fork_->logical_size - first;
+      if (morv_err err = m_.map(first, static_cast<size_t>(length))) {
+        MORV_ERROR("Error while mapping region of bitmap data.\n");
+        return err;
+      }
+    }
+    *out = (m_.at(byte) & block_mask(block)) != 0;
+    return MORV_OK;
+  }
+  [[nodiscard]] morv_err finish() {
+    morv_err err = m_.unmap();
+    if (err) MORV_ERROR("Error while unmapping region of bitmap data.\n");
+    return err;
+  }
+
+ private:
+  morv_fork* fork_;
+  uint64_t sector_size_;
+  bitmap_mapping m_;
+};
+
+// Offset of the first allocated block of [cur, cur + wanted), or `wanted`.
+[[nodiscard]] morv_err first_allocated(bit_reader* bits, uint64_t cur, uint64_t wanted,
+                                       uint64_t* out) {
+  for (uint64_t i = 0; i < wanted; ++i) {
+    bool set = false;
+    if (morv_err err = bits->allocated(cur + i, &set)) return err;
+    if (set) {
+      *out = i;
+      return MORV_OK;
+    }
+  }
+  *out = wanted;
+  return MORV_OK;
+}
+
+// The scan of FindContiguousUnallocated; *found is false when the search
+// came back to the hint without a run.
+[[nodiscard]] morv_err scan_for_run(bit_reader* bits, uint64_t total, uint64_t hint,
+                                    uint64_t wanted, uint64_t* start, bool* found) {
+  uint64_t cur = hint;
+  bool wrapped = false;
+  for (;;) {
+    if (wrapped && cur >= hint) break;  // back where the search began
+    if (cur + wanted > total) {         // the run would pass the last block
+      if (wrapped) break;
+      cur = 0;
+      wrapped = true;
+      continue;
+    }
+    uint64_t i = 0;
+    if (morv_err err = first_allocated(bits, cur, wanted, &i)) return err;
+    if (i == wanted) {
+      *start = cur;
+      *found = true;
+      return MORV_OK;
+    }
+    // Candidates after an allocated block start on a byte boundary.
+    cur = (cur + (i ? i : 1) + 7) / kBitsPerByte * kBitsPerByte;
+    if (cur >= total) {
+      if (wrapped) break;
+      cur = 0;
+      wrapped = true;
+    }
+  }
+  *found = false;
+  return MORV_OK;
+}
+
+}  // namespace
+
+morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_t hint,
+                                   morv_write_location* out) {
+  if (!volume || !volume->bitmap || !out) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint32_t total = header_field(volume, vh::kTotalBlocks);
+  if (hint == 0) hint = header_field(volume, vh::kNextAllocation);
+  if (hint >= total) hint = total ? total - 1 : 0;
+  morv_write_location location{};
+  if (wanted != 0 && wanted <= total) {
+    morv_fork* fork = fork_of(volume->bitmap);
+    bit_reader bits(fork, fork->priv->sector_size);
+    uint64_t start = 0;
+    bool found = false;
+    morv_err err = scan_for_run(&bits, total, hint, wanted, &start, &found);
+    if (morv_err unmap_err = bits.finish(); !err) err = unmap_err;
+    if (err) return err;
+    if (found) {
+      location.start_block = static_cast<uint32_t>(start);
+      location.block_count = wanted;
+    }
+  }
+  *out = location;
+  return MORV_OK;
+}
+
+namespace {
+
+// Walks all extents of a fork: *out_count extents, the last ending at
+// allocation block *out_end (0 for a fork without blocks).
+[[nodiscard]] morv_err walk_fork_extents(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
+                                         morv_extents* extents, uint32_t* out_count,
+                                         uint64_t* out_end) {
+  const uint32_t total = load_be32(fork_data + forkdata::kTotalBlocks);
+  uint8_t record[forkdata::kExtentRecordSize];
+  memcpy(record, fork_data + forkdata::kExtents, sizeof record);
+  uint64_t seen = 0;
+  uint32_t count = 0;
+  uint64_t end = 0;
+  while (seen < total) {
+    for (size_t i = 0; i < forkdata::kExtentsPerRecord && seen < total; ++i, ++count) {
+      if (extent_blocks(record, i) == 0) {
+        MORV_ERROR("Encountered zero block count in extent.\n");
+        return MORV_ERR_CORRUPT;
+      }
+      seen += extent_blocks(record, i);
+      end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
+      if (seen > total) {
+        MORV_ERROR("Inconsistent extent record: Found more blocks than the number of allocated "
+                   "blocks (%llu > %lu).\n",
+                   morv_ull(seen), morv_ul(total));
+        return MORV_ERR_CORRUPT;
+      }
+    }
+    if (seen == total) break;
+    if (!extents) {
+      MORV_ERROR("List of extents ends before all blocks have been accounted for. Missing %lu "
+                 "blocks.\n",
+                 morv_ul(static_cast<uint32_t>(total - seen)));
+      return MORV_ERR_CORRUPT;
+    }
+    int found = 0;
+    if (morv_err err = morv_extents_get_next_extent_record(
+            extents, fork_type, cnid, static_cast<uint32_t>(seen), &found, record)) {
+      MORV_ERROR("Error while looking up next extent record.\n");
+      return err;
+    }
+    if (!found) {
+      MORV_ERROR("Could not find next extent record.\n");
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  *out_count = count;
+  *out_end = end;
+  return MORV_OK;
+}
+
+}  // namespace
+
+morv_err FindWriteLocation(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
+                           morv_volume* volume, uint64_t /*logical_size*/, uint32_t clump_size,
+                           morv_write_location* out) {
+  if (!fork_data || !volume || !volume->bitmap || !out) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint32_t block_size = header_field(volume, vh::kBlockSize);
+  const uint32_t wanted =
+      static_cast<uint32_t>((uint64_t{clump_size} + block_size - 1) / block_size);
+  uint32_t count = 0;
+  uint64_t end = 0;
+  if (morv_err err = walk_fork_extents(cnid, fork_type, fork_data, volume->extents, &count, &end))
+    return err;
+  // An end past 32 bits never matches a start block, and a hint past the
+  // volume is clamped by the search.
+  const uint32_t hint = end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end);
+  morv_write_location location{};
+  if (morv_err err = FindContiguousUnallocated(volume, wanted, hint, &location)) {
+    MORV_ERROR("Error while searching the bitmap for a free region of %lu.\n", morv_ul(wanted));
+    return err;
+  }
+  const bool continues = count == 0 || (location.block_count != 0 && location.start_block == end);
+  location.extent_index = continues ? (count ? count - 1 : 0) : count;
+  *out = location;
+  return MORV_OK;
+}
+
+namespace {
+
+// The fork-data extent that a write of [offset, offset + length) reaches:
+// *fits when the extents already cover it; else *index is the last extent in
+// use (0 for an empty fork), or 8 when all eight are in use.
+void reach_of_write(const uint8_t* record, uint32_t block_size, uint64_t offset, uint64_t length,
+                    size_t* index, bool* fits) {
+  uint64_t covered = 0;
+  *fits = false;
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i) {
+    if (extent_start(record, i) == 0 && extent_blocks(record, i) == 0) {
+      *index = i ? i - 1 : 0;
+      return;
+    }
+    covered += uint64_t{extent_blocks(record, i)} * block_size;
+    *index = i;
+    if (offset + length <= covered) {
+      *fits = true;
+      return;
+    }
+  }
+  *index = forkdata::kExtentsPerRecord;
+}
+
+}  // namespace
+
+morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset, uint32_t length,
+                     morv_write_location* out) {
+  if (!fork_data || !volume || !out) {
+    MORV_ERROR("HFSPlus:ERROR: [%s] Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint32_t block_size = header_field(volume, vh::kBlockSize);
+  const uint32_t needed = static_cast<uint32_t>((uint64_t{length} + block_size - 1) / block_size);
+  uint8_t* record = fork_data + forkdata::kExtents;
+  size_t index = 0;
+  bool fits = false;
+  reach_of_write(record, block_size, offset, length, &index, &fits);
+  if (index == forkdata::kExtentsPerRecord) {
+    MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
+    return MORV_ERR_EXTENT_LIMIT;
+  }
+  morv_write_location location{};
+  location.extent_index = static_cast<uint32_t>(index);
+  if (fits || needed == 0) {  // an empty write needs no block either
+    *out = location;
+    return MORV_OK;
+  }
+  uint8_t* e = record + index * forkdata::kExtentSize;
+  const bool empty = extent_blocks(record, index) == 0;
+  const uint64_t end = uint64_t{extent_start(record, index)} + extent_blocks(record, index);
+  const uint32_t hint = empty ? 0 : (end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end));
+  if (morv_err err = FindContiguousUnallocated(volume, needed, hint, &location)) {
+    MORV_ERROR("Error while looking up unallocated region.\n");
+    return err;
+  }
+  // Nothing found is a failure here: there is no run to record.
+  if (location.block_count == 0 || location.start_block == 0) {
+    MORV_ERROR("No free run of %lu blocks found in the allocation file.\n", morv_ul(needed));
+    return MORV_ERR_UNSUPPORTED;
+  }
+  const bool continues = !empty && location.start_block == end;
+  if (!empty && !continues) {
+    if (++index == forkdata::kExtentsPerRecord) {
+      MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
+      return MORV_ERR_EXTENT_LIMIT;
+    }
+    e = record + index * forkdata::kExtentSize;
+  }
+  if (morv_err err = AllocateExtentAllocationBlocks(location.start_block, needed, volume)) {
+    MORV_ERROR("Error while marking %lu blocks starting at block %lu as allocated in the "
+               "allocation file.\n",
+               morv_ul(needed), morv_ul(location.start_block));
+    return err;
+  }
+  if (continues) {
+    store_be32(e + forkdata::kExtentBlockCount, extent_blocks(record, index) + needed);
+  } else {
+    store_be32(e + forkdata::kExtentStartBlock, location.start_block);
+    store_be32(e + forkdata::kExtentBlockCount, needed);
+  }
+  store_be32(fork_data + forkdata::kTotalBlocks,
+             load_be32(fork_data + forkdata::kTotalBlocks) + needed);
+  location.extent_index = static_cast<uint32_t>(index);
+  location.requested_length = length;
+  location.requested_length_copy = length;
+  *out = location;
+  return MORV_OK;
+}

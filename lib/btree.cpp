@@ -29,16 +29,33 @@
 // Invariants the engine keeps: records of a node are in key order; every
 // index record carries the first key of its child; nodes of one level are
 // chained in key order through fLink/bLink, the leaves from firstLeafNode to
-// lastLeafNode; leafRecords counts the leaf records; freeNodes counts the
-// clear bits of the bitmap. Nodes are never freed and the root never splits,
-// so a tree never shrinks or deepens. A node emptied by deletions stays in
-// the tree; its bytes at 14 still hold its last record, whose key is also
-// the one its parent's index record carries.
+// lastLeafNode; the root has height treeDepth and each child one less;
+// leafRecords counts the leaf records; freeNodes counts the clear bits of the
+// bitmap; no node of the tree is empty (a node emptied by deletions is
+// unlinked and freed, and an emptied root leaves the tree without a root,
+// rootNode 0). The root never splits, so a tree never deepens.
 //
-// Every node the engine walks is checked where it is mapped (kind, record
-// count, offsets inside the node and ascending, keys inside their records),
-// and every descent is bounded by totalNodes, so that damaged trees end an
-// operation with MORV_ERR_CORRUPT rather than a loop or a stray access.
+// Trust. Every node enters through one check where it is read (kind against
+// height and the level expected, record offsets even, ascending and inside
+// the node, keys inside their records, children and sibling links inside the
+// tree), and every walk is bounded: a descent by treeDepth, sibling and map
+// node chains by totalNodes and a cycle check. The header's totalNodes may
+// not exceed what the tree's file holds. Damaged trees end an operation with
+// MORV_ERR_CORRUPT rather than a loop or a stray access.
+//
+// Changes. Insertion and deletion edit one node through two primitives,
+// insert record and remove records, which also shift the open locators of
+// the node; a node that overflows is split, and what the level above must
+// learn (a new first key, the index records of new nodes) becomes the next
+// level's edit. Every write goes through the tree's transaction, which keeps
+// each touched node's original bytes the first time it is written and puts
+// them back, with the open locators' places, when the change fails. Two
+// adjustments wait for the end of the transaction: an index record whose
+// child's first key grew, and the removal of an emptied node. Until then the
+// old key still leads every search to the right child (it is not greater
+// than anything below it), and a change made of several operations (a
+// rename: delete, then insert) never passes through a tree larger than the
+// one it ends with.
 #include "btree.hpp"
 
 #include <cstring>
@@ -58,18 +75,21 @@ constexpr size_t kBLink = 4;
 constexpr size_t kKind = 8;
 constexpr size_t kHeight = 9;
 constexpr size_t kNumRecords = 10;
-constexpr size_t kReserved = 12;
 constexpr int8_t kKindLeaf = -1;
 constexpr int8_t kKindIndex = 0;
 constexpr int8_t kKindHeader = 1;
 constexpr int8_t kKindMap = 2;
+constexpr uint8_t kLeafHeight = 1;
 constexpr uint16_t kFirstRecordOffset = 14;
 constexpr uint16_t kHeaderNodeRecords = 3;
 constexpr uint16_t kMapNodeRecords = 1;
-constexpr uint16_t kMapRecordIndex = 2;      // the header node's bitmap record
+constexpr uint16_t kMapRecordIndex = 2;         // the header node's bitmap record
 constexpr size_t kHeaderNodeNonMapBytes = 256;  // descriptor, header and user records, offsets
-constexpr size_t kIndexDataSize = 4;         // child node number
+constexpr size_t kIndexDataSize = 4;            // child node number
 constexpr size_t kOffsetEntrySize = 2;
+// A record of R bytes fits in an empty node when R + kRecordOverhead <= nodeSize:
+// the descriptor and two offset entries (the record's and the free space's).
+constexpr size_t kRecordOverhead = kDescriptorSize + 2 * kOffsetEntrySize;
 }  // namespace nd
 
 namespace hr {  // BTHeaderRec, relative to the record (at fork byte 14)
@@ -93,9 +113,48 @@ constexpr size_t kNodeStartBytes = 120;  // descriptor + header record of node 0
 }  // namespace hr
 
 constexpr char kLocatorTag[8] = {'m', 'o', 'r', 'v', 'b', 'r', 'l', 'a'};
-constexpr uint8_t kMaxHeight = 255;
+// What the client-facing changes say when their lock cannot be released.
+constexpr const char* kReleaseFailed =
+    "Error while releasing write lock for open locators list. Will probably crash now...\n";
 constexpr uint16_t kMinNodeSize = 512;
 constexpr uint16_t kMaxNodeSize = 32768;
+// The longest key of any HFS+ tree (a catalog key: keyLength 516) and its
+// length field. Keys read from nodes are checked against it.
+constexpr uint16_t kMaxKeyLength = 516;
+constexpr size_t kMaxKeySize = kMaxKeyLength + 2;
+constexpr size_t kMaxIndexRecordSize = kMaxKeySize + nd::kIndexDataSize;
+// Far deeper than any real tree: with two children per index node, 2^63
+// leaves. treeDepth beyond it is damage.
+constexpr uint16_t kMaxTreeDepth = 64;
+// Nodes one edit may spread over: the node itself and the nodes it claims.
+constexpr size_t kMaxParts = 8;
+
+// A node of the tree whose parent's index record must be brought in step
+// when the transaction ends: its first key grew, or it became empty.
+// `key` is the index record's key as it stood when the node was noted.
+struct pending_node {
+  uint32_t number;
+  uint8_t height;
+  uint16_t key_size;  // 0 for the root, which has no index record
+  uint8_t key[kMaxKeySize];
+};
+
+// The original bytes of a node written during the transaction.
+struct saved_node {
+  uint32_t number;
+  uint8_t* bytes;
+};
+
+struct transaction {
+  uint32_t depth;     // nesting of begins
+  morv_err failure;   // the first failure reported inside, 0 while none
+  saved_node* saved;
+  size_t saved_count;
+  size_t saved_capacity;
+  pending_node* pending;
+  size_t pending_count;
+  size_t pending_capacity;
+};
 
 }  // namespace
 
@@ -104,6 +163,7 @@ struct morv_btree_private {
   morv_btree_compare_keys_fn compare_keys;
   morv_btree_record_locator* open_locators;
   morv_rwlock* open_locators_lock;
+  transaction txn;
 };
 
 struct morv_btree_record_locator_private {
@@ -120,6 +180,13 @@ struct morv_btree_record_locator_private {
   size_t raw_data_offset;
   size_t raw_record_size;
   uint8_t* record;  // the copy, behind the fixed parts of the allocation
+  // Where the record stood when the outermost transaction began, to be put
+  // back if it fails; `born` marks a locator opened during the transaction.
+  uint32_t saved_node_number;
+  uint16_t saved_record_index;
+  uint64_t saved_data_offset;
+  uint32_t saved_deleted;
+  uint32_t born;
 };
 
 namespace {
@@ -142,11 +209,14 @@ void set_offset_entry(uint8_t* node, uint16_t node_size, size_t index, uint16_t 
   store_be16(node + node_size - nd::kOffsetEntrySize * (index + 1), value);
 }
 int8_t node_kind(const uint8_t* node) { return static_cast<int8_t>(node[nd::kKind]); }
+uint8_t node_height(const uint8_t* node) { return node[nd::kHeight]; }
 uint16_t num_records(const uint8_t* node) { return load_be16(node + nd::kNumRecords); }
 size_t padded(size_t size) { return size + (size & 1); }
 uint64_t node_offset(const morv_btree* tree, uint32_t node) {
   return uint64_t{node} * tree->node_size;
 }
+// Nodes the tree's file holds.
+uint64_t fork_nodes(const morv_btree* tree) { return *tree->fork->logical_size / tree->node_size; }
 
 // A mapping of fork bytes that is released on scope exit unless unmapped
 // explicitly (the explicit unmap reports its error; the fallback does not).
@@ -182,13 +252,6 @@ class mapping {
   size_t length_ = 0;
 };
 
-[[nodiscard]] morv_err read_header(morv_btree* tree, uint8_t* header) {
-  return morv_fork_read(tree->fork, hr::kForkOffset, header, hr::kSize, nullptr);
-}
-[[nodiscard]] morv_err write_header(morv_btree* tree, const uint8_t* header) {
-  return morv_fork_write(tree->fork, hr::kForkOffset, header, hr::kSize, nullptr);
-}
-
 const char* kind_name(uint32_t kind) {
   switch (kind) {
     case kBtreeKindCatalog: return "catalog";
@@ -205,6 +268,67 @@ size_t fork_data_offset(uint32_t kind) {
     case kBtreeKindAttributes: return vh::kAttributesFile;
     default: return 0;
   }
+}
+
+}  // namespace
+
+// ============================================================ the undo journal
+
+namespace {
+
+// Grows `*array` (of `*capacity` elements, `count` in use) so that one more fits.
+template <typename T>
+[[nodiscard]] bool reserve_one(T** array, size_t* capacity, size_t count) {
+  if (count < *capacity) return true;
+  const size_t want = *capacity ? 2 * *capacity : 8;
+  auto* grown = static_cast<T*>(morv_malloc(want * sizeof(T)));
+  if (!grown) return false;
+  if (count) memcpy(static_cast<void*>(grown), *array, count * sizeof(T));
+  morv_free(*array);
+  *array = grown;
+  *capacity = want;
+  return true;
+}
+
+void discard_journal(transaction* t) {
+  for (size_t i = 0; i < t->saved_count; ++i) morv_free(t->saved[i].bytes);
+  t->saved_count = 0;
+  t->pending_count = 0;
+}
+
+// Keeps node `number`'s bytes as they are now, unless the transaction kept
+// them already. Outside a transaction nothing is kept.
+[[nodiscard]] morv_err journal_node(morv_btree* tree, uint32_t number) {
+  transaction& t = tree->priv->txn;
+  if (t.depth == 0) return MORV_OK;
+  for (size_t i = 0; i < t.saved_count; ++i)
+    if (t.saved[i].number == number) return MORV_OK;
+  morv::buffer<uint8_t> bytes(static_cast<uint8_t*>(morv_malloc(tree->node_size)));
+  if (!bytes || !reserve_one(&t.saved, &t.saved_capacity, t.saved_count)) {
+    MORV_ERROR("Error while allocating memory to keep the original of node %lu.\n",
+               morv_ul(number));
+    return MORV_ERR_NO_MEMORY;
+  }
+  morv_err err = morv_fork_read(tree->fork, node_offset(tree, number), bytes.get(),
+                                tree->node_size, nullptr);
+  if (err) {
+    MORV_ERROR("Error while reading the original of node %lu.\n", morv_ul(number));
+    return err;
+  }
+  t.saved[t.saved_count++] = saved_node{number, bytes.release()};
+  return MORV_OK;
+}
+
+// Every change of the tree's file goes through here.
+[[nodiscard]] morv_err tree_write(morv_btree* tree, uint64_t offset, const void* data,
+                                  size_t length) {
+  const uint64_t first = offset / tree->node_size;
+  const uint64_t last = (offset + length - 1) / tree->node_size;
+  for (uint64_t n = first; n <= last; ++n) {
+    morv_err err = journal_node(tree, static_cast<uint32_t>(n));
+    if (err) return err;
+  }
+  return morv_fork_write(tree->fork, offset, data, length, nullptr);
 }
 
 }  // namespace
@@ -275,6 +399,20 @@ namespace {
   // Every node access relies on a node size the format allows.
   if (node_size < kMinNodeSize || node_size > kMaxNodeSize || (node_size & (node_size - 1))) {
     MORV_ERROR("Invalid node size in B-tree header record: %hu\n", node_size);
+    return MORV_ERR_CORRUPT;
+  }
+  // Keys are held in buffers of the longest HFS+ key; every node number is
+  // checked against totalNodes, which must not promise more than the file.
+  if (max_key_length > kMaxKeyLength) {
+    MORV_ERROR("Invalid B-tree header record: maximum key length %hu is beyond %hu.\n",
+               max_key_length, kMaxKeyLength);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint32_t total_nodes = load_be32(h + hr::kTotalNodes);
+  const uint64_t file_nodes = *fork->logical_size / node_size;
+  if (total_nodes > file_nodes) {
+    MORV_ERROR("Invalid B-tree header record: %lu nodes, but the tree's file holds %llu.\n",
+               morv_ul(total_nodes), morv_ull(file_nodes));
     return MORV_ERR_CORRUPT;
   }
   err = header.unmap();
@@ -355,7 +493,7 @@ morv_err morv_btree_create(morv_device* device, morv_extents* extents, int exten
     }
     return err;
   }
-  priv[0] = morv_btree_private{kind, compare_keys, nullptr, lock};
+  priv[0] = morv_btree_private{kind, compare_keys, nullptr, lock, transaction{}};
   tree[0] = morv_btree{fork, node_size, max_key_length, priv.release()};
   *out_tree = tree.release();
   return MORV_OK;
@@ -391,6 +529,9 @@ void morv_btree_destroy(morv_btree** tree_place) {
   if (morv_rwlock_destroy(&priv->open_locators_lock)) {
     MORV_ERROR("Error while destroying B-tree open locators list lock. Leaking...\n");
   }
+  discard_journal(&priv->txn);
+  morv_free(priv->txn.saved);
+  morv_free(priv->txn.pending);
   morv_fork_destroy(&tree->fork);
   memset(priv, 0, sizeof *priv);
   morv_free(priv);
@@ -427,6 +568,7 @@ void ReadAttrNode(const uint8_t* node, uint16_t node_size) {
   }
 }
 
+// ============================================================ record locators
 // ============================================================ record locators
 
 morv_err morv_btree_record_locator_open(morv_btree* tree, uint32_t node_number,
@@ -515,7 +657,9 @@ morv_err morv_btree_record_locator_open(morv_btree* tree, uint32_t node_number,
   morv_btree_record_locator_private* p = &block->priv;
   *p = morv_btree_record_locator_private{raw,       1,    0,       node_number,
                                          record_index, data_offset, tree, nullptr,
-                                         tp->open_locators, 0, padded_key, record_size, copy};
+                                         tp->open_locators, 0, padded_key, record_size, copy,
+                                         node_number, record_index, data_offset, 0,
+                                         tp->txn.depth != 0};
   block->pub = morv_btree_record_locator{&p->node_number, &p->record_index, copy, key_size,
                                          copy + padded_key, record_size - padded_key, p};
   if (tp->open_locators) tp->open_locators->priv->prev = &block->pub;
@@ -575,7 +719,7 @@ morv_err morv_btree_record_locator_write_data(morv_btree_record_locator* locator
     MORV_ERROR("Error while locking open locators list.\n");
     return err;
   }
-  err = morv_fork_write(p->tree->fork, p->data_offset, data, data_size, nullptr);
+  err = tree_write(p->tree, p->data_offset, data, data_size);
   if (err) {
     MORV_ERROR("Error while writing out record data.\n");
   } else {
@@ -609,76 +753,191 @@ void morv_btree_relocate_open_locators(morv_btree* tree, uint32_t node_number,
   }
 }
 
+// ============================================================ transactions
+
 namespace {
 
-// Moves the locators of records `first_index` and above of `node` to
-// `new_node`: their index drops by `first_index`, and their data moves from
-// fork byte `old_base` onwards to `new_base` onwards (a split moves a run of
-// records to the start of another node, which may lie before or after).
-void move_locators_to_node(morv_btree* tree, uint32_t node, uint16_t first_index,
-                           uint32_t new_node, uint64_t old_base, uint64_t new_base) {
+[[nodiscard]] morv_err settle_pending(morv_btree* tree);
+
+void snapshot_locators(morv_btree* tree) {
   for (morv_btree_record_locator* l = tree->priv->open_locators; l; l = l->priv->next) {
     morv_btree_record_locator_private* p = l->priv;
-    if (p->deleted || p->node_number != node || p->record_index < first_index) continue;
-    p->node_number = new_node;
-    p->record_index = static_cast<uint16_t>(p->record_index - first_index);
-    p->data_offset = p->data_offset - old_base + new_base;
+    p->saved_node_number = p->node_number;
+    p->saved_record_index = p->record_index;
+    p->saved_data_offset = p->data_offset;
+    p->saved_deleted = p->deleted;
+    p->born = 0;
   }
 }
 
-void mark_deleted(morv_btree_record_locator* locator) { locator->priv->deleted = 1; }
+// Puts every locator back where its record stands again, with the record's
+// bytes; those opened during the failed change name nothing any more.
+void restore_locators(morv_btree* tree) {
+  for (morv_btree_record_locator* l = tree->priv->open_locators; l; l = l->priv->next) {
+    morv_btree_record_locator_private* p = l->priv;
+    if (p->born) {
+      p->deleted = 1;
+      p->born = 0;
+      continue;
+    }
+    p->node_number = p->saved_node_number;
+    p->record_index = p->saved_record_index;
+    p->data_offset = p->saved_data_offset;
+    p->deleted = p->saved_deleted;
+    if (p->deleted) continue;
+    // The node was read when the locator was opened: the cache holds it.
+    if (morv_fork_read(tree->fork, p->data_offset - p->raw_data_offset, p->record,
+                       p->raw_record_size, nullptr)) {
+      MORV_CRITICAL("Internal error: Unable to read back the record of a locator on node %lu.\n",
+                    morv_ul(p->node_number));
+    }
+  }
+}
+
+// Writes the kept originals back. Every node was read before it was kept,
+// so these writes need neither memory nor the device.
+void rollback(morv_btree* tree) {
+  transaction& t = tree->priv->txn;
+  for (size_t i = t.saved_count; i-- > 0;) {
+    if (morv_fork_write(tree->fork, node_offset(tree, t.saved[i].number), t.saved[i].bytes,
+                        tree->node_size, nullptr)) {
+      MORV_CRITICAL("Internal error: Unable to put node %lu of the B-tree back as it was.\n",
+                    morv_ul(t.saved[i].number));
+    }
+  }
+  restore_locators(tree);
+}
+
+void txn_begin(morv_btree* tree) {
+  transaction& t = tree->priv->txn;
+  if (t.depth++ == 0) {
+    t.failure = MORV_OK;
+    snapshot_locators(tree);
+  }
+}
+
+// Ends one level; the outermost settles the waiting adjustments and then
+// keeps the change or puts the tree back.
+[[nodiscard]] morv_err txn_end(morv_btree* tree, morv_err result) {
+  transaction& t = tree->priv->txn;
+  if (result && !t.failure) t.failure = result;
+  if (t.depth > 1) {
+    --t.depth;
+    return result;
+  }
+  if (!t.failure) t.failure = settle_pending(tree);
+  if (t.failure) rollback(tree);
+  discard_journal(&t);
+  t.depth = 0;
+  const morv_err failure = t.failure;
+  t.failure = MORV_OK;
+  return failure;
+}
+
+// Notes that `number`'s index record (carrying `key`) waits for the end of
+// the transaction.
+[[nodiscard]] morv_err pend(morv_btree* tree, uint32_t number, uint8_t height, const uint8_t* key) {
+  transaction& t = tree->priv->txn;
+  for (size_t i = 0; i < t.pending_count; ++i)
+    if (t.pending[i].number == number) return MORV_OK;  // its index record has not changed since
+  if (!reserve_one(&t.pending, &t.pending_capacity, t.pending_count)) {
+    MORV_ERROR("Error while allocating memory for a pending index record change.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  pending_node& p = t.pending[t.pending_count++];
+  p.number = number;
+  p.height = height;
+  p.key_size = key ? static_cast<uint16_t>(load_be16(key) + 2) : 0;
+  if (key) memcpy(p.key, key, p.key_size);
+  return MORV_OK;
+}
+
+// The node's index record was rewritten: nothing waits for it any more.
+void unpend(morv_btree* tree, uint32_t number) {
+  transaction& t = tree->priv->txn;
+  for (size_t i = 0; i < t.pending_count; ++i) {
+    if (t.pending[i].number != number) continue;
+    t.pending[i] = t.pending[--t.pending_count];
+    return;
+  }
+}
 
 }  // namespace
 
-// ============================================================ search and iteration
+// ============================================================ header record and node checks
 
 namespace {
 
-// Where a descent ended: the record (or, in a node without records, the
-// place of record 0) and how its key compared with the search key.
-struct position {
-  uint32_t node;
-  uint16_t index;
-  uint32_t exact_match;
-  uint32_t after_last_record;
-  bool has_record;
+// The header record as read from node 0, checked.
+struct tree_header {
+  uint8_t raw[hr::kSize];
+  uint16_t depth() const { return load_be16(raw + hr::kTreeDepth); }
+  uint32_t root() const { return load_be32(raw + hr::kRootNode); }
+  uint32_t leaf_records() const { return load_be32(raw + hr::kLeafRecords); }
+  uint32_t first_leaf() const { return load_be32(raw + hr::kFirstLeafNode); }
+  uint32_t last_leaf() const { return load_be32(raw + hr::kLastLeafNode); }
+  uint32_t total_nodes() const { return load_be32(raw + hr::kTotalNodes); }
+  uint32_t free_nodes() const { return load_be32(raw + hr::kFreeNodes); }
+  uint8_t compare_type() const { return raw[hr::kKeyCompareType]; }
+  void set(size_t field, uint32_t value) { store_be32(raw + field, value); }
+  void set_depth(uint16_t depth) { store_be16(raw + hr::kTreeDepth, depth); }
 };
 
-// The nodes a descent passed, from the root down, and in each the index of
-// the record it followed (or, in the last one, where it stopped).
-constexpr size_t kMaxPath = 256;
-struct search_path {
-  uint32_t node[kMaxPath];
-  uint16_t index[kMaxPath];
-  size_t count;
-  void add(uint32_t n, uint16_t i) {
-    if (count < kMaxPath) {
-      node[count] = n;
-      index[count] = i;
-    }
-    ++count;
+[[nodiscard]] morv_err read_tree_header(morv_btree* tree, tree_header* h) {
+  morv_err err = morv_fork_read(tree->fork, hr::kForkOffset, h->raw, hr::kSize, nullptr);
+  if (err) {
+    MORV_ERROR("Error while reading B-tree header record.\n");
+    return err;
   }
-};
-
-// Checks what every walk relies on in a mapped node: the record count fits,
-// offsets are even, inside 14..(start of the offset array) and ascending, and
-// in leaf and index nodes each key (and an index record's child number) lies
-// inside its record.
-[[nodiscard]] morv_err validate_node(const uint8_t* node, uint16_t node_size) {
-  const uint16_t count = num_records(node);
-  if (nd::kOffsetEntrySize * (count + 1u) > node_size - nd::kDescriptorSize) {
-    MORV_ERROR("Invalid node data: Node cannot fit %hu records given the node size (%hu).\n",
-               count, node_size);
+  if (h->depth() > kMaxTreeDepth) {
+    MORV_ERROR("B-tree depth too large.\n");
     return MORV_ERR_CORRUPT;
   }
-  const size_t array_start = node_size - nd::kOffsetEntrySize * (count + 1u);
-  for (uint16_t i = 0; i <= count; ++i) {
-    const uint16_t off = offset_entry(node, node_size, i);
-    if (off < nd::kFirstRecordOffset || off > array_start || (off & 1)) {
+  const uint32_t total = h->total_nodes();
+  const auto inside = [total](uint32_t node) { return node == 0 || node < total; };
+  // A tree has a root exactly when it has a depth.
+  const bool root_ok = (h->root() == 0) == (h->depth() == 0) && inside(h->root());
+  if (total > fork_nodes(tree) || !root_ok || !inside(h->first_leaf()) ||
+      !inside(h->last_leaf())) {
+    MORV_ERROR("Invalid B-tree header record: root node %lu, depth %hu, leaves %lu to %lu, %lu "
+               "nodes in a file of %llu.\n",
+               morv_ul(h->root()), h->depth(), morv_ul(h->first_leaf()), morv_ul(h->last_leaf()),
+               morv_ul(total), morv_ull(fork_nodes(tree)));
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+[[nodiscard]] morv_err write_tree_header(morv_btree* tree, const tree_header& h) {
+  morv_err err = tree_write(tree, hr::kForkOffset, h.raw, hr::kSize);
+  if (err) MORV_ERROR("Error while writing out modified B-tree header record.\n");
+  return err;
+}
+
+// Offsets of a node's records: each even, inside 14..(start of the offset
+// array), ascending; record 0 at 14.
+[[nodiscard]] morv_err check_offsets(const uint8_t* node, uint16_t ns, uint32_t number) {
+  const uint16_t count = num_records(node);
+  if (nd::kOffsetEntrySize * (count + 1u) > ns - nd::kDescriptorSize) {
+    MORV_ERROR("Invalid node data: Node cannot fit %hu records given the node size (%hu).\n",
+               count, ns);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint16_t first = offset_entry(node, ns, 0);
+  if (first != nd::kFirstRecordOffset) {
+    MORV_ERROR("HFSPlus:%s: Offset of record 0 in %lu is %hu, and not %zu!\n",
+               "morv_btree_search_node_internal", morv_ul(number), first,
+               size_t{nd::kFirstRecordOffset});
+    return MORV_ERR_CORRUPT;
+  }
+  const size_t array_start = ns - nd::kOffsetEntrySize * (count + 1u);
+  for (uint16_t i = 1; i <= count; ++i) {
+    const uint16_t off = offset_entry(node, ns, i);
+    const uint16_t prev = offset_entry(node, ns, i - 1u);
+    if (off > array_start || (off & 1)) {
       MORV_ERROR("Invalid node data: Offset for record %hu is out of range (%hu).\n", i, off);
       return MORV_ERR_CORRUPT;
     }
-    const uint16_t prev = i ? offset_entry(node, node_size, i - 1u) : off;
     if (off < prev) {
       MORV_ERROR("Invalid node data: Records offsets are not in order (offset for record %hu: %hu, "
                  "offset for record %hu: %hu).\n",
@@ -686,188 +945,272 @@ struct search_path {
       return MORV_ERR_CORRUPT;
     }
   }
-  const int8_t kind = node_kind(node);
-  if (kind != nd::kKindLeaf && kind != nd::kKindIndex) return MORV_OK;
-  const size_t child_size = kind == nd::kKindIndex ? nd::kIndexDataSize : 0;
-  for (uint16_t i = 0; i < count; ++i) {
-    const uint16_t off = offset_entry(node, node_size, i);
-    const size_t size = size_t{offset_entry(node, node_size, i + 1u)} - off;
-    if (size < 2 || padded(size_t{load_be16(node + off)} + 2) + child_size > size) {
+  return MORV_OK;
+}
+
+// Every record holds its key (and an index record its child number behind
+// it); children lie inside the tree and are not the node itself.
+[[nodiscard]] morv_err check_records(const uint8_t* node, uint16_t ns, uint32_t number,
+                                     uint32_t total_nodes) {
+  const bool index = node_kind(node) == nd::kKindIndex;
+  const size_t child_size = index ? nd::kIndexDataSize : 0;
+  for (uint16_t i = 0; i < num_records(node); ++i) {
+    const uint16_t off = offset_entry(node, ns, i);
+    const size_t size = size_t{offset_entry(node, ns, i + 1u)} - off;
+    const size_t key_size = size >= 2 ? size_t{load_be16(node + off)} + 2 : 0;
+    if (key_size > kMaxKeySize) {
+      MORV_ERROR("Invalid node data: Key of record %hu in node %lu is longer than any HFS+ key "
+                 "(keyLength %zu).\n",
+                 i, morv_ul(number), key_size - 2);
+      return MORV_ERR_CORRUPT;
+    }
+    if (size < 2 || padded(key_size) + child_size > size) {
       MORV_ERROR("Invalid node data: Key of record %hu does not fit in its record (%zu bytes).\n",
                  i, size);
+      return MORV_ERR_CORRUPT;
+    }
+    if (!index) continue;
+    const uint32_t child = load_be32(node + off + padded(key_size));
+    if (child == number) {
+      MORV_ERROR("Index node points back to itself. Inconsistent B-tree.\n");
+      return MORV_ERR_CORRUPT;
+    }
+    if (child >= total_nodes || child == 0) {
+      MORV_ERROR("Index node points to node after the last node. Inconsistent B-tree.\n");
       return MORV_ERR_CORRUPT;
     }
   }
   return MORV_OK;
 }
 
-// An index record's child number follows its key padded to an even size,
-// where the record was built; for the even keys of HFS+ that is directly
-// behind the key.
-uint32_t child_of(const uint8_t* node, uint16_t node_size, uint16_t index) {
-  const uint8_t* record = node + offset_entry(node, node_size, index);
-  return load_be32(record + padded(size_t{load_be16(record)} + 2));
+// The one check through which every leaf and index node enters. `height` 0
+// accepts the node at the height it has.
+[[nodiscard]] morv_err check_node(const morv_btree* tree, const tree_header& h,
+                                  const uint8_t* node, uint32_t number, uint8_t height) {
+  const uint16_t ns = tree->node_size;
+  const int8_t kind = node_kind(node);
+  if (kind != nd::kKindLeaf && kind != nd::kKindIndex) {
+    MORV_ERROR("Invalid node kind: %hhd\n", kind);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint8_t actual = node_height(node);
+  if ((kind == nd::kKindLeaf) != (actual == nd::kLeafHeight) || (height && actual != height) ||
+      actual == 0) {
+    MORV_ERROR("Invalid node data: Node %lu of kind %hhd has height %u where height %u was "
+               "expected.\n",
+               morv_ul(number), kind, actual, height);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint32_t flink = load_be32(node + nd::kFLink);
+  const uint32_t blink = load_be32(node + nd::kBLink);
+  if (flink >= h.total_nodes() || blink >= h.total_nodes() || flink == number ||
+      blink == number) {
+    MORV_ERROR("Invalid node data: Node %lu links to nodes %lu and %lu, outside the tree of %lu "
+               "nodes or to itself.\n",
+               morv_ul(number), morv_ul(flink), morv_ul(blink), morv_ul(h.total_nodes()));
+    return MORV_ERR_CORRUPT;
+  }
+  morv_err err = check_offsets(node, ns, number);
+  if (!err) err = check_records(node, ns, number, h.total_nodes());
+  return err;
 }
 
-// Opens a locator on record `index` of the mapped `node`.
-[[nodiscard]] morv_err open_on(morv_btree* tree, uint32_t node_number, const uint8_t* node,
-                               uint16_t index, morv_btree_record_locator** out_locator) {
-  const uint16_t off = offset_entry(node, tree->node_size, index);
-  const uint16_t next = offset_entry(node, tree->node_size, index + 1u);
-  return morv_btree_record_locator_open(tree, node_number, index, node + off, size_t{next} - off,
-                                        node_offset(tree, node_number) + off, out_locator);
+// Maps node `number` and checks it.
+[[nodiscard]] morv_err map_node(morv_btree* tree, const tree_header& h, uint32_t number,
+                                uint8_t height, mapping* m) {
+  morv_err err = m->map(node_offset(tree, number), tree->node_size);
+  if (err) {
+    MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(number));
+    return err;
+  }
+  return check_node(tree, h, m->get(), number, height);
 }
 
-// Scans a validated node with records for the first key not before `key`
+// A checked copy of one node, to be changed and written back.
+struct node_copy {
+  uint32_t number = 0;
+  morv::buffer<uint8_t> bytes;
+  uint8_t* get() const { return bytes.get(); }
+};
+
+[[nodiscard]] morv_err read_node(morv_btree* tree, const tree_header& h, uint32_t number,
+                                 uint8_t height, node_copy* out) {
+  if (!out->bytes.allocate(tree->node_size)) {
+    MORV_ERROR("Error while allocating node-sized buffer for modified contents (%zu bytes).\n",
+               size_t{tree->node_size});
+    return MORV_ERR_NO_MEMORY;
+  }
+  out->number = number;
+  morv_err err = morv_fork_read(tree->fork, node_offset(tree, number), out->get(),
+                                tree->node_size, nullptr);
+  if (err) {
+    MORV_ERROR("Error while reading complete node data of node %lu.\n", morv_ul(number));
+    return err;
+  }
+  return check_node(tree, h, out->get(), number, height);
+}
+
+[[nodiscard]] morv_err write_node(morv_btree* tree, const node_copy& node) {
+  morv_err err = tree_write(tree, node_offset(tree, node.number), node.get(), tree->node_size);
+  if (err) MORV_ERROR("Error while writing out modified node %lu.\n", morv_ul(node.number));
+  return err;
+}
+
+// ---- record access on checked nodes ----
+
+const uint8_t* record_at(const uint8_t* node, uint16_t ns, size_t i) {
+  return node + offset_entry(node, ns, i);
+}
+size_t record_size(const uint8_t* node, uint16_t ns, size_t i) {
+  return size_t{offset_entry(node, ns, i + 1)} - offset_entry(node, ns, i);
+}
+size_t key_size_at(const uint8_t* node, uint16_t ns, size_t i) {
+  return size_t{load_be16(record_at(node, ns, i))} + 2;
+}
+uint32_t child_at(const uint8_t* node, uint16_t ns, size_t i) {
+  return load_be32(record_at(node, ns, i) + padded(key_size_at(node, ns, i)));
+}
+// Bytes free for records and their offset entries.
+size_t free_room(const uint8_t* node, uint16_t ns) {
+  const uint16_t n = num_records(node);
+  return ns - offset_entry(node, ns, n) - nd::kOffsetEntrySize * (n + 1u);
+}
+bool same_key(const uint8_t* a, const uint8_t* b) {
+  return load_be16(a) == load_be16(b) && memcmp(a, b, size_t{load_be16(a)} + 2) == 0;
+}
+
+}  // namespace
+
+// ============================================================ search and iteration
+
+namespace {
+
+// The nodes a descent passed, from the node it started at (level 0) down,
+// and in each the record it followed; in the last, where it stopped.
+struct tree_path {
+  uint32_t node[kMaxTreeDepth];
+  uint16_t index[kMaxTreeDepth];
+  size_t levels;
+  size_t last() const { return levels - 1; }
+};
+
+// How a descent ended in its last node.
+struct stop {
+  bool has_record;  // false in a node without records
+  bool exact;       // the record's key equals the search key
+  bool after_last;  // the key sorts after every record of the node
+};
+
+// Scans a checked node with records for the first key not before `key`
 // (or the last record); *out_compare is that key's comparison.
 uint16_t scan_node(const morv_btree* tree, const uint8_t* node, const uint8_t* key,
                    uint8_t compare_type, int* out_compare) {
   const uint16_t count = num_records(node);
   uint16_t i = 0;
   for (;; ++i) {
-    const uint8_t* record = node + offset_entry(node, tree->node_size, i);
-    *out_compare = tree->priv->compare_keys(record, key, compare_type);
+    *out_compare = tree->priv->compare_keys(record_at(node, tree->node_size, i), key, compare_type);
     if (*out_compare >= 0 || i + 1u == count) return i;
   }
 }
 
-// The descent itself, with the header record mapped. A tree whose rootNode is
-// 0 has no node to search (the empty-tree case): the result is a position
-// without a record. A leaf without records, left behind by deletions, gives
-// such a position too, on its record 0.
-[[nodiscard]] morv_err descend(morv_btree* tree, const uint8_t* header, const uint8_t* key,
-                               uint32_t start_node, int mode, uint8_t target_height,
-                               position* out_position, morv_btree_record_locator** out_locator,
-                               search_path* path) {
-  const uint32_t total_nodes = load_be32(header + hr::kTotalNodes);
-  const uint8_t compare_type = header[hr::kKeyCompareType];
-  uint32_t node = start_node ? start_node : load_be32(header + hr::kRootNode);
-  if (node == 0) {
-    *out_position = position{0, 0, 0, 0, false};
-    return MORV_OK;
-  }
-  if (total_nodes < node) {
-    MORV_ERROR("HFSPlus:%s: Starting Node %lu > Total Nodes %lu\n",
-               "morv_btree_search_node_internal", morv_ul(node), morv_ul(total_nodes));
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  mapping m(tree->fork);
-  morv_err err = m.map(node_offset(tree, node), tree->node_size);
-  if (err) {
-    MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(node));
-    return err;
-  }
-  const uint16_t first = offset_entry(m.get(), tree->node_size, 0);
-  if (first != nd::kFirstRecordOffset) {
-    MORV_ERROR("HFSPlus:%s: Offset of record 0 in %lu is %hu, and not %zu!\n",
-               "morv_btree_search_node_internal", morv_ul(node), first,
-               size_t{nd::kFirstRecordOffset});
-    return MORV_ERR_CORRUPT;
-  }
-  position pos{node, 0, 0, 0, false};
-  for (uint32_t descents = 0;;) {
-    const uint8_t* buf = m.get();
-    err = validate_node(buf, tree->node_size);
-    if (err) return err;
-    const int8_t kind = node_kind(buf);
-    const bool at_target = mode != -1 && kind == nd::kKindIndex && buf[nd::kHeight] <= target_height;
-    if ((kind != nd::kKindLeaf && kind != nd::kKindIndex) || (kind == nd::kKindLeaf && mode != -1)) {
-      MORV_ERROR("Invalid node kind: %hhd\n", kind);
-      return MORV_ERR_CORRUPT;
+// Descends from node `start` at `start_height` to the node at `stop_height`
+// that holds `key`, or where it would go. Each step goes one level down, so
+// the walk ends within treeDepth steps; a child at or above its parent's
+// height is a cycle. On success the last node stays mapped in `m`.
+[[nodiscard]] morv_err descend(morv_btree* tree, const tree_header& h, const uint8_t* key,
+                               uint32_t start, uint8_t start_height, uint8_t stop_height,
+                               tree_path* path, stop* out, mapping* m) {
+  const uint16_t ns = tree->node_size;
+  uint32_t node = start;
+  uint8_t height = start_height;
+  path->levels = 0;
+  for (;;) {
+    morv_err err = m->map(node_offset(tree, node), ns);
+    if (err) {
+      MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(node));
+      return err;
     }
-    if (num_records(buf) == 0) {
-      if (kind == nd::kKindIndex && !at_target) {
-        MORV_ERROR("Invalid node data: Index node %lu holds no records.\n", morv_ul(node));
-        return MORV_ERR_CORRUPT;
-      }
-      pos = position{node, 0, 0, 0, false};
-      if (path) path->add(node, 0);
-      break;
-    }
-    int c = 0;
-    const uint16_t i = scan_node(tree, buf, key, compare_type, &c);
-    if (kind == nd::kKindLeaf || at_target) {
-      pos = position{node, i, c == 0, c < 0, true};
-      if (path) path->add(node, i);
-      break;
-    }
-    const uint16_t followed = (i > 0 && c > 0) ? static_cast<uint16_t>(i - 1) : i;
-    if (path) path->add(node, followed);
-    const uint32_t child = child_of(buf, tree->node_size, followed);
-    if (child == node) {
-      MORV_ERROR("Index node points back to itself. Inconsistent B-tree.\n");
-      return MORV_ERR_CORRUPT;
-    }
-    if (child >= total_nodes) {
-      MORV_ERROR("Index node points to node after the last node. Inconsistent B-tree.\n");
-      return MORV_ERR_CORRUPT;
-    }
-    if (++descents >= total_nodes) {
+    if (path->levels > 0 && node_height(m->get()) > height) {
       MORV_ERROR("Aborting search due to cyclic references in the B-tree.\n");
       return MORV_ERR_CORRUPT;
     }
-    const uint64_t old_offset = m.offset();
-    err = m.unmap();
-    if (err) {
+    if ((err = check_node(tree, h, m->get(), node, height))) return err;
+    const uint8_t* buf = m->get();
+    const size_t level = path->levels++;
+    path->node[level] = node;
+    path->index[level] = 0;
+    if (num_records(buf) == 0) {
+      if (height != stop_height) {
+        MORV_ERROR("Invalid node data: Index node %lu holds no records.\n", morv_ul(node));
+        return MORV_ERR_CORRUPT;
+      }
+      *out = stop{false, false, false};
+      return MORV_OK;
+    }
+    int c = 0;
+    const uint16_t i = scan_node(tree, buf, key, h.compare_type(), &c);
+    if (height == stop_height) {
+      path->index[level] = i;
+      *out = stop{true, c == 0, c < 0};
+      return MORV_OK;
+    }
+    // The last index record whose key is not after the search key leads on;
+    // a key before the node's first key goes to the first child.
+    const uint16_t followed = (i > 0 && c > 0) ? static_cast<uint16_t>(i - 1) : i;
+    path->index[level] = followed;
+    node = child_at(buf, ns, followed);
+    --height;
+    const uint64_t old_offset = m->offset();
+    if ((err = m->unmap())) {
       MORV_ERROR("Error while unmapping raw node data of node at offset %llu.\n",
                  morv_ull(old_offset));
       return err;
     }
-    err = m.map(node_offset(tree, child), tree->node_size);
-    if (err) {
-      MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(child));
-      return err;
-    }
-    node = child;
   }
-  morv_btree_record_locator* locator = nullptr;
-  if (out_locator && pos.has_record) {
-    err = open_on(tree, node, m.get(), pos.index, &locator);
-    if (err) {
-      MORV_ERROR("Error while creating morv_btree_record_locator.\n");
-      return err;
-    }
-  }
-  err = m.unmap();
-  if (err) {
-    MORV_ERROR("Error while unmapping raw node data.\n");
-    morv_btree_record_locator_close_locked(&locator, 0);
-    return err;
-  }
-  *out_position = pos;
-  if (out_locator) *out_locator = locator;
-  return MORV_OK;
 }
 
-// Maps the header record around a descent.
-[[nodiscard]] morv_err search_common(morv_btree* tree, const uint8_t* key, uint32_t start_node,
-                                     int mode, uint8_t height, position* out_position,
-                                     morv_btree_record_locator** out_locator,
-                                     search_path* path = nullptr) {
-  if (!key) {
-    MORV_ERROR("HFSPlus:%s: Invalid Search key\n", "morv_btree_search_node_internal");
-    return MORV_ERR_INVALID_ARGUMENT;
+// Opens a locator on record `index` of the mapped, checked `node`.
+[[nodiscard]] morv_err open_on(morv_btree* tree, uint32_t node_number, const uint8_t* node,
+                               uint16_t index, morv_btree_record_locator** out_locator) {
+  const uint16_t off = offset_entry(node, tree->node_size, index);
+  return morv_btree_record_locator_open(tree, node_number, index, node + off,
+                                        record_size(node, tree->node_size, index),
+                                        node_offset(tree, node_number) + off, out_locator);
+}
+
+// Brent's cycle detection over a chain of node numbers: the mark jumps to
+// the walker at every power of two, so a cycle is met within twice its
+// length after it is entered.
+class cycle_check {
+ public:
+  explicit cycle_check(uint32_t start) : mark_(start) {}
+  // False when `next` closes a cycle.
+  bool step(uint32_t next) {
+    if (next == mark_) return false;
+    if (++steps_ == limit_) {
+      mark_ = next;
+      limit_ *= 2;
+      steps_ = 0;
+    }
+    return true;
   }
-  mapping header(tree->fork);
-  morv_err err = header.map(hr::kForkOffset, hr::kSize);
+
+ private:
+  uint32_t mark_;
+  uint64_t limit_ = 1;
+  uint64_t steps_ = 0;
+};
+
+// The height of node `number`, read without trusting the rest of it.
+[[nodiscard]] morv_err peek_height(morv_btree* tree, uint32_t number, uint8_t* out) {
+  mapping m(tree->fork);
+  morv_err err = m.map(node_offset(tree, number), nd::kDescriptorSize);
   if (err) {
-    MORV_ERROR("Error while mapping B-tree header record.\n");
+    MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(number));
     return err;
   }
-  position pos{};
-  morv_btree_record_locator* locator = nullptr;
-  err = descend(tree, header.get(), key, start_node, mode, height, &pos,
-                out_locator ? &locator : nullptr, path);
-  if (err) return err;
-  err = header.unmap();
-  if (err) {
-    MORV_ERROR("Error while unmapping B-tree header record.\n");
-    morv_btree_record_locator_close_locked(&locator, 0);
-    return err;
-  }
-  *out_position = pos;
-  if (out_locator) *out_locator = locator;
-  return MORV_OK;
+  *out = node_height(m.get());
+  return m.unmap();
 }
 
 }  // namespace
@@ -884,32 +1227,83 @@ void morv_btree_search_result_release(morv_btree_search_result* result) {
 morv_err morv_btree_search_node_internal(morv_btree* tree, const uint8_t* search_key,
                                          uint32_t start_node, int mode, uint8_t height,
                                          morv_btree_search_result* out_result) {
-  position pos{};
-  morv_btree_record_locator* locator = nullptr;
-  morv_err err = search_common(tree, search_key, start_node, mode, height, &pos, &locator);
+  if (!search_key) {
+    MORV_ERROR("HFSPlus:%s: Invalid Search key\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
   if (err) return err;
-  *out_result = morv_btree_search_result{pos.exact_match, pos.after_last_record, locator};
+  const uint32_t start = start_node ? start_node : h.root();
+  if (start == 0) {  // a tree without a root holds no record
+    *out_result = morv_btree_search_result{0, 0, nullptr};
+    return MORV_OK;
+  }
+  if (h.total_nodes() < start) {
+    MORV_ERROR("HFSPlus:%s: Starting Node %lu > Total Nodes %lu\n", __func__, morv_ul(start),
+               morv_ul(h.total_nodes()));
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  uint8_t start_height = static_cast<uint8_t>(h.depth());
+  if (start_node && (err = peek_height(tree, start, &start_height))) return err;
+  const uint8_t stop_height = mode == -1 ? nd::kLeafHeight : height;
+  if (stop_height < nd::kLeafHeight || stop_height > start_height) {
+    MORV_ERROR("Invalid parameter: Height %u is outside the tree below node %lu (height %u).\n",
+               stop_height, morv_ul(start), start_height);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  tree_path path;
+  stop s{};
+  mapping m(tree->fork);
+  if ((err = descend(tree, h, search_key, start, start_height, stop_height, &path, &s, &m)))
+    return err;
+  morv_btree_record_locator* locator = nullptr;
+  if (s.has_record &&
+      (err = open_on(tree, path.node[path.last()], m.get(), path.index[path.last()], &locator))) {
+    MORV_ERROR("Error while creating morv_btree_record_locator.\n");
+    return err;
+  }
+  if ((err = m.unmap())) {
+    MORV_ERROR("Error while unmapping raw node data.\n");
+    morv_btree_record_locator_close_locked(&locator, 0);
+    return err;
+  }
+  *out_result = morv_btree_search_result{s.exact, s.after_last, locator};
   return MORV_OK;
 }
 
-morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
-                                morv_btree_search_result* out_result) {
+namespace {
+
+// Runs a search or a step of iteration under the tree's lock, which both
+// take in write mode because opening a locator changes the open list;
+// `undo` gives back what `op` handed out when the lock cannot be released.
+template <typename Op, typename Undo>
+[[nodiscard]] morv_err under_search_lock(morv_btree* tree, Op op, Undo undo) {
   morv_rwlock* lock = tree->priv->open_locators_lock;
   morv_err err = morv_rwlock_lock_write(lock);
   if (err) {
     MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
     return err;
   }
-  morv_btree_search_result result{};
-  err = morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
+  err = op();
+  if (morv_err unlock_err = morv_rwlock_unlock(lock)) {
     MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
     if (!err) {
-      morv_btree_search_result_release(&result);
+      undo();
       err = unlock_err;
     }
   }
+  return err;
+}
+
+}  // namespace
+
+morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
+                                morv_btree_search_result* out_result) {
+  morv_btree_search_result result{};
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_search_node_internal(tree, search_key, 0, -1, 0, &result); },
+      [&] { morv_btree_search_result_release(&result); });
   if (err) return err;
   *out_result = result;
   return MORV_OK;
@@ -917,18 +1311,22 @@ morv_err morv_btree_search_node(morv_btree* tree, const uint8_t* search_key,
 
 namespace {
 
-// Follows fLink from `m`'s node to the next node that holds records;
-// *out_node is 0 at the end of the level. Emptied nodes are passed over, and
-// a chain longer than the tree file is refused.
-[[nodiscard]] morv_err next_node_with_records(morv_btree* tree, mapping* m, uint32_t* out_node) {
-  const uint64_t max_hops = *tree->fork->logical_size / tree->node_size;
+// Follows fLink from the node mapped in `m` to the next node of its level
+// that holds records; *node becomes 0 at the end of the level. The next node
+// must link back, be of the same kind and height, and begin with a key after
+// `key` (the last one passed), so that iteration only moves forward; the
+// chain is bounded by totalNodes and checked for cycles.
+[[nodiscard]] morv_err next_node_with_records(morv_btree* tree, const tree_header& h, mapping* m,
+                                              uint32_t* node, const uint8_t* key) {
+  const uint8_t height = node_height(m->get());
+  cycle_check cycle(*node);
   for (uint64_t hops = 0;; ++hops) {
     const uint32_t next = load_be32(m->get() + nd::kFLink);
     if (next == 0) {
-      *out_node = 0;
+      *node = 0;
       return MORV_OK;
     }
-    if (hops >= max_hops) {
+    if (hops >= h.total_nodes() || !cycle.step(next)) {
       MORV_ERROR("Aborting search due to cyclic references in the B-tree.\n");
       return MORV_ERR_CORRUPT;
     }
@@ -937,63 +1335,41 @@ namespace {
       MORV_ERROR("Error while unmapping original raw node data.\n");
       return err;
     }
-    err = m->map(node_offset(tree, next), tree->node_size);
-    if (err) {
+    if ((err = map_node(tree, h, next, height, m))) {
       MORV_ERROR("Error while mapping raw node data of next node.\n");
       return err;
     }
-    if (num_records(m->get()) != 0) {
-      *out_node = next;
-      return MORV_OK;
+    const uint32_t back = load_be32(m->get() + nd::kBLink);
+    if (back != *node) {
+      MORV_ERROR("Invalid node data: Node %lu follows node %lu but links back to node %lu.\n",
+                 morv_ul(next), morv_ul(*node), morv_ul(back));
+      return MORV_ERR_CORRUPT;
     }
+    *node = next;
+    if (num_records(m->get()) == 0) continue;
+    if (tree->priv->compare_keys(record_at(m->get(), tree->node_size, 0), key,
+                                 h.compare_type()) <= 0) {
+      MORV_ERROR("Invalid node data: The keys of node %lu do not follow those before it.\n",
+                 morv_ul(next));
+      return MORV_ERR_CORRUPT;
+    }
+    return MORV_OK;
   }
-}
-
-// Checks the offsets of record `index` and of the one behind it.
-[[nodiscard]] morv_err check_record_bounds(const uint8_t* node, uint16_t node_size, uint16_t index) {
-  const uint16_t count = num_records(node);
-  if (nd::kOffsetEntrySize * (count + 1u) > node_size - nd::kDescriptorSize) {
-    MORV_ERROR("Invalid node data: Node cannot fit %hu records given the node size (%hu).\n",
-               count, node_size);
-    return MORV_ERR_CORRUPT;
-  }
-  const size_t array_start = node_size - nd::kOffsetEntrySize * (count + 1u);
-  const uint16_t off = offset_entry(node, node_size, index);
-  const uint16_t next = offset_entry(node, node_size, index + 1u);
-  if (off < nd::kFirstRecordOffset || off > array_start) {
-    MORV_ERROR("Invalid node data: Offset for record %hu is out of range (%hu).\n", index, off);
-    return MORV_ERR_CORRUPT;
-  }
-  if (next < nd::kFirstRecordOffset || next > array_start) {
-    MORV_ERROR("Invalid node data: Offset for record %hu is out of range (%hu).\n",
-               static_cast<uint16_t>(index + 1), next);
-    return MORV_ERR_CORRUPT;
-  }
-  if (next < off) {
-    MORV_ERROR("Invalid node data: Records offsets are not in order (offset for record %hu: %hu, "
-               "offset for record %hu: %hu).\n",
-               index, off, static_cast<uint16_t>(index + 1), next);
-    return MORV_ERR_CORRUPT;
-  }
-  return MORV_OK;
 }
 
 }  // namespace
 
 morv_err morv_btree_get_next_record_internal(morv_btree* tree, morv_btree_record_locator* locator,
                                              morv_btree_record_locator** out_next) {
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
   uint32_t node = *locator->node_number;
   uint32_t wanted = uint32_t{*locator->record_index} + 1;
   mapping m(tree->fork);
-  morv_err err = m.map(node_offset(tree, node), tree->node_size);
-  if (err) {
+  if ((err = map_node(tree, h, node, 0, &m))) {
     MORV_ERROR("Error while mapping raw node data.\n");
     return err;
-  }
-  const int8_t kind = node_kind(m.get());
-  if (kind != nd::kKindIndex && kind != nd::kKindLeaf) {
-    MORV_ERROR("Invalid node kind: %hhd\n", kind);
-    return MORV_ERR_CORRUPT;
   }
   const uint16_t count = num_records(m.get());
   if (count < wanted) {
@@ -1001,23 +1377,16 @@ morv_err morv_btree_get_next_record_internal(morv_btree* tree, morv_btree_record
                static_cast<uint16_t>(wanted), count);
     return MORV_ERR_CORRUPT;
   }
-  morv_btree_record_locator* next = nullptr;
   if (wanted == count) {
-    err = next_node_with_records(tree, &m, &node);
-    if (err) return err;
+    if ((err = next_node_with_records(tree, h, &m, &node, locator->key))) return err;
     wanted = 0;
   }
-  if (node != 0) {
-    err = check_record_bounds(m.get(), tree->node_size, static_cast<uint16_t>(wanted));
-    if (err) return err;
-    err = open_on(tree, node, m.get(), static_cast<uint16_t>(wanted), &next);
-    if (err) {
-      MORV_ERROR("Error while creating target record locator.\n");
-      return err;
-    }
+  morv_btree_record_locator* next = nullptr;
+  if (node != 0 && (err = open_on(tree, node, m.get(), static_cast<uint16_t>(wanted), &next))) {
+    MORV_ERROR("Error while creating target record locator.\n");
+    return err;
   }
-  err = m.unmap();
-  if (err) {
+  if ((err = m.unmap())) {
     MORV_ERROR("Error while unmapping raw node data.\n");
     morv_btree_record_locator_close_locked(&next, 0);
     return err;
@@ -1028,22 +1397,10 @@ morv_err morv_btree_get_next_record_internal(morv_btree* tree, morv_btree_record
 
 morv_err morv_btree_get_next_record(morv_btree* tree, morv_btree_record_locator* locator,
                                     morv_btree_record_locator** out_next) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
-  if (err) {
-    MORV_ERROR("Error while acquiring open locators list lock in write mode.\n");
-    return err;
-  }
   morv_btree_record_locator* next = nullptr;
-  err = morv_btree_get_next_record_internal(tree, locator, &next);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_ERROR("Error while releasing open locators list read-mode lock.\n");
-    if (!err) {
-      morv_btree_record_locator_close(&next);
-      err = unlock_err;
-    }
-  }
+  morv_err err = under_search_lock(
+      tree, [&] { return morv_btree_get_next_record_internal(tree, locator, &next); },
+      [&] { morv_btree_record_locator_close(&next); });
   if (err) return err;
   *out_next = next;
   return MORV_OK;
@@ -1053,163 +1410,608 @@ morv_err morv_btree_get_next_record(morv_btree* tree, morv_btree_record_locator*
 
 namespace {
 
-// One part of the node bitmap: the header node's map record or a map node's
-// record, `length` bytes at `first` inside node `node` (mapped as `map`).
-struct bitmap_part {
-  uint32_t node;
-  uint16_t first;
-  size_t length;
-  size_t earlier;  // bitmap bytes in the parts before this one
+// A walk over the parts of the node bitmap: the header node's map record,
+// then the map nodes chained through fLink, each checked before any of its
+// bits is trusted. The chain is checked for cycles.
+class bitmap_walk {
+ public:
+  bitmap_walk(morv_btree* tree, const tree_header& h)
+      : tree_(tree), total_(h.total_nodes()), m_(tree->fork), cycle_(0) {}
+
+  // The header node's map record.
+  [[nodiscard]] morv_err start() {
+    const uint16_t ns = tree_->node_size;
+    morv_err err = m_.map(0, ns);
+    if (err) {
+      MORV_ERROR("Error while mapping complete header node of B-tree.\n");
+      return err;
+    }
+    const uint8_t* hn = m_.get();
+    link_ = load_be32(hn + nd::kFLink);
+    if (link_ >= total_ && link_ != 0) {
+      MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node 0 exceeds the total number of "
+                 "nodes (%lu).\n",
+                 morv_ul(link_), morv_ul(total_));
+      return MORV_ERR_CORRUPT;
+    }
+    first_ = offset_entry(hn, ns, nd::kMapRecordIndex);
+    length_ = ns - nd::kHeaderNodeNonMapBytes;
+    const size_t limit = ns - nd::kOffsetEntrySize * (nd::kHeaderNodeRecords + 1u);
+    if (first_ < nd::kFirstRecordOffset || first_ + length_ > limit) {
+      MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", first_);
+      return MORV_ERR_CORRUPT;
+    }
+    node_ = 0;
+    earlier_ = 0;
+    return MORV_OK;
+  }
+
+  // Moves on to the next map node.
+  [[nodiscard]] morv_err next() {
+    const uint64_t covered = earlier_ + length_;
+    if (link_ == 0) {
+      MORV_ERROR("Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
+                 morv_ul(node_), morv_ul(static_cast<uint32_t>((total_ + 7ull) / 8 - covered)));
+      return MORV_ERR_CORRUPT;
+    }
+    if (!cycle_.step(link_)) {
+      MORV_ERROR("Invalid node data: The map nodes loop back to node %lu.\n", morv_ul(link_));
+      return MORV_ERR_CORRUPT;
+    }
+    morv_err err = m_.unmap();
+    if (err) {
+      MORV_ERROR("Error %llu while unmapping previously mapped map node data.\n", morv_ull(err));
+      return err;
+    }
+    if ((err = m_.map(node_offset(tree_, link_), tree_->node_size))) {
+      MORV_ERROR("Error %llu while mapping next map node into memory.\n", morv_ull(err));
+      return err;
+    }
+    if ((err = check_map_node())) return err;
+    node_ = link_;
+    link_ = load_be32(m_.get() + nd::kFLink);
+    earlier_ = covered;
+    return MORV_OK;
+  }
+
+  // Makes the part that holds bitmap byte `byte` current.
+  [[nodiscard]] morv_err reach(uint64_t byte) {
+    while (byte >= earlier_ + length_) {
+      morv_err err = next();
+      if (err) return err;
+    }
+    return MORV_OK;
+  }
+
+  uint8_t byte_at(uint64_t byte) const { return m_.get()[first_ + (byte - earlier_)]; }
+  // The fork offset of bitmap byte `byte` of the current part.
+  uint64_t fork_offset(uint64_t byte) const {
+    return node_offset(tree_, node_) + first_ + (byte - earlier_);
+  }
+
+ private:
+  [[nodiscard]] morv_err check_map_node() {
+    const uint8_t* buf = m_.get();
+    const uint16_t ns = tree_->node_size;
+    if (node_kind(buf) != nd::kKindMap) {
+      MORV_ERROR("Invalid node data: Expected map node, got node kind %hhd.\n", node_kind(buf));
+      return MORV_ERR_CORRUPT;
+    }
+    if (num_records(buf) != nd::kMapNodeRecords) {
+      MORV_ERROR("Invalid node data: Unexpected number of records in map node (%hu).\n",
+                 num_records(buf));
+      return MORV_ERR_CORRUPT;
+    }
+    const uint32_t flink = load_be32(buf + nd::kFLink);
+    if (flink >= total_ && flink != 0) {
+      MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number of "
+                 "nodes (%lu).\n",
+                 morv_ul(flink), morv_ul(link_), morv_ul(total_));
+      return MORV_ERR_CORRUPT;
+    }
+    const uint16_t first = offset_entry(buf, ns, 0);
+    const uint16_t free_space = offset_entry(buf, ns, 1);
+    const uint16_t limit = static_cast<uint16_t>(ns - 2 * nd::kOffsetEntrySize);
+    if (first < nd::kFirstRecordOffset || first > limit) {
+      MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", first);
+      return MORV_ERR_CORRUPT;
+    }
+    if (free_space < nd::kFirstRecordOffset || free_space > limit) {
+      MORV_ERROR("Invalid node data: Free space offset is out of range (%hu).", free_space);
+      return MORV_ERR_CORRUPT;
+    }
+    // An empty map record covers no node: the walk would not advance.
+    if (first >= free_space) {
+      MORV_ERROR("Invalid node data: Records offsets out of order in map node %lu (first offset: "
+                 "%hu, free space: %hu)",
+                 morv_ul(link_), first, free_space);
+      return MORV_ERR_CORRUPT;
+    }
+    first_ = first;
+    length_ = size_t{free_space} - first;
+    return MORV_OK;
+  }
+
+  morv_btree* tree_;
+  uint32_t total_;
+  mapping m_;
+  cycle_check cycle_;
+  uint32_t node_ = 0;      // the node holding the current part (0: the header node)
+  uint32_t link_ = 0;      // its fLink
+  uint16_t first_ = 0;     // the part's offset in its node
+  size_t length_ = 0;      // the part's bytes
+  uint64_t earlier_ = 0;   // bitmap bytes in the parts before it
 };
 
-// Steps from the part in `m` to the map node its fLink names, checking that
-// node before any of its bits is trusted.
-[[nodiscard]] morv_err next_map_part(morv_btree* tree, uint32_t total_nodes, uint32_t link,
-                                     mapping* m, bitmap_part* part) {
-  morv_err err = m->unmap();
+// Sets or clears node `number`'s bit (which must be the other way) and
+// moves freeNodes with it.
+[[nodiscard]] morv_err write_node_bit(morv_btree* tree, tree_header* h, bitmap_walk* walk,
+                                      uint32_t number, bool in_use) {
+  const uint64_t byte = number / 8;
+  const uint8_t mask = static_cast<uint8_t>(0x80u >> (number % 8));
+  const uint8_t old = walk->byte_at(byte);
+  if (static_cast<bool>(old & mask) == in_use) {
+    MORV_CRITICAL("Internal error: Node %lu is already %s.\n", morv_ul(number),
+                  in_use ? "allocated" : "free");
+    return MORV_ERR_INTERNAL;
+  }
+  h->set(hr::kFreeNodes, h->free_nodes() + (in_use ? uint32_t{0xFFFFFFFF} : 1u));
+  morv_err err = write_tree_header(tree, *h);
   if (err) {
-    MORV_ERROR("Error %llu while unmapping previously mapped map node data.\n", morv_ull(err));
+    if (in_use)
+      MORV_ERROR("Error while writing out modified tree header record after claiming node.\n");
+    else
+      MORV_ERROR("Error while writing out modified tree header record after freeing node.\n");
     return err;
   }
-  if (link == 0) {
-    MORV_ERROR("Missing map node after node %lu (%lu bytes of node bitmap data missing).\n",
-               morv_ul(part->node),
-               morv_ul(static_cast<uint32_t>((total_nodes + 7) / 8 - part->earlier - part->length)));
-    return MORV_ERR_CORRUPT;
+  const uint8_t updated = static_cast<uint8_t>(in_use ? old | mask : old & ~mask);
+  if ((err = tree_write(tree, walk->fork_offset(byte), &updated, 1))) {
+    if (in_use)
+      MORV_ERROR("Error while writing out modified bitmap byte after claiming node.\n");
+    else
+      MORV_ERROR("Error while writing out modified bitmap byte after freeing node.\n");
   }
-  err = m->map(node_offset(tree, link), tree->node_size);
-  if (err) {
-    MORV_ERROR("Error %llu while mapping next map node into memory.\n", morv_ull(err));
-    return err;
-  }
-  const uint8_t* buf = m->get();
-  const uint16_t ns = tree->node_size;
-  if (node_kind(buf) != nd::kKindMap) {
-    MORV_ERROR("Invalid node data: Expected map node, got node kind %hhd.\n", node_kind(buf));
-    return MORV_ERR_CORRUPT;
-  }
-  if (num_records(buf) != nd::kMapNodeRecords) {
-    MORV_ERROR("Invalid node data: Unexpected number of records in map node (%hu).\n",
-               num_records(buf));
-    return MORV_ERR_CORRUPT;
-  }
-  if (load_be32(buf + nd::kFLink) > total_nodes) {
-    MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number of "
-               "nodes (%lu).\n",
-               morv_ul(load_be32(buf + nd::kFLink)), morv_ul(link), morv_ul(total_nodes));
-    return MORV_ERR_CORRUPT;
-  }
-  const uint16_t first = offset_entry(buf, ns, 0);
-  const uint16_t free_space = offset_entry(buf, ns, 1);
-  const uint16_t limit = static_cast<uint16_t>(ns - 2 * nd::kOffsetEntrySize);
-  if (first < nd::kFirstRecordOffset || first > limit) {
-    MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", first);
-    return MORV_ERR_CORRUPT;
-  }
-  if (free_space < nd::kFirstRecordOffset || free_space > limit) {
-    MORV_ERROR("Invalid node data: Free space offset is out of range (%hu).", free_space);
-    return MORV_ERR_CORRUPT;
-  }
-  if (first > free_space) {
-    MORV_ERROR("Invalid node data: Records offsets out of order in map node %lu (first offset: %hu, "
-               "free space: %hu)",
-               morv_ul(link), first, free_space);
-    return MORV_ERR_CORRUPT;
-  }
-  *part = bitmap_part{link, first, size_t{free_space} - first, part->earlier + part->length};
-  return MORV_OK;
+  return err;
 }
 
-// Finds the lowest clear bit from node 1 on; *out_node is total_nodes when
-// every node is in use. `m` ends mapped on the map node that holds the bit
-// (unmapped when the bit is in the header node).
-[[nodiscard]] morv_err find_free_node(morv_btree* tree, const uint8_t* header_node, mapping* m,
-                                      bitmap_part* part, uint32_t* out_node) {
-  const uint32_t total_nodes = load_be32(header_node + hr::kForkOffset + hr::kTotalNodes);
-  uint32_t link = load_be32(header_node + nd::kFLink);
-  const uint8_t* bytes = header_node;
-  uint32_t b = 1;
-  for (; b < total_nodes; ++b) {
-    // A node's bit is read from the part that holds its byte: a byte index
-    // equal to the part's length already belongs to the next part.
-    while (b / 8 - part->earlier >= part->length) {
-      morv_err err = next_map_part(tree, total_nodes, link, m, part);
-      if (err) return err;
-      bytes = m->get();
-      link = load_be32(bytes + nd::kFLink);
+// The lowest free node from node 1 on, marked in use.
+[[nodiscard]] morv_err claim(morv_btree* tree, uint32_t* out_node) {
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  bitmap_walk walk(tree, h);
+  if ((err = walk.start())) return err;
+  const uint32_t total = h.total_nodes();
+  for (uint64_t byte = 0; byte * 8 < total; ++byte) {
+    if ((err = walk.reach(byte))) return err;
+    const uint8_t bits = walk.byte_at(byte);
+    if (bits == 0xFF) continue;
+    for (uint32_t b = 0; b < 8; ++b) {
+      const uint64_t n = byte * 8 + b;
+      if (n == 0 || n >= total || (bits & (0x80u >> b))) continue;
+      if (h.free_nodes() == 0) {
+        MORV_ERROR("Invalid B-tree header record: no free node counted, but node %lu is free.\n",
+                   morv_ul(static_cast<uint32_t>(n)));
+        return MORV_ERR_CORRUPT;
+      }
+      if ((err = write_node_bit(tree, &h, &walk, static_cast<uint32_t>(n), true))) return err;
+      *out_node = static_cast<uint32_t>(n);
+      return MORV_OK;
     }
-    const uint8_t byte = bytes[part->first + (b / 8 - part->earlier)];
-    if (!(byte & (0x80u >> (b % 8)))) break;
   }
-  *out_node = b;
-  return MORV_OK;
+  MORV_ERROR("Need to expand B-tree, but this is not yet implemented.\n");
+  return MORV_ERR_UNSUPPORTED;
+}
+
+// Gives node `number` back to the bitmap.
+[[nodiscard]] morv_err free_node(morv_btree* tree, uint32_t number) {
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  bitmap_walk walk(tree, h);
+  if ((err = walk.start()) || (err = walk.reach(number / 8))) return err;
+  return write_node_bit(tree, &h, &walk, number, false);
 }
 
 }  // namespace
 
 morv_err morv_btree_claim_node(morv_btree* tree, uint32_t* out_node_number) {
-  const uint16_t ns = tree->node_size;
-  mapping header_map(tree->fork);
-  morv_err err = header_map.map(0, ns);
-  if (err) {
-    MORV_ERROR("Error while mapping complete header node of B-tree.\n");
-    return err;
-  }
-  const uint8_t* hn = header_map.get();
-  const uint32_t total_nodes = load_be32(hn + hr::kForkOffset + hr::kTotalNodes);
-  if (load_be32(hn + nd::kFLink) > total_nodes) {
-    MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node 0 exceeds the total number of "
-               "nodes (%lu).\n",
-               morv_ul(load_be32(hn + nd::kFLink)), morv_ul(total_nodes));
-    return MORV_ERR_CORRUPT;
-  }
-  const uint16_t map_first = offset_entry(hn, ns, nd::kMapRecordIndex);
-  const size_t map_length = ns - nd::kHeaderNodeNonMapBytes;
-  if (map_first < nd::kFirstRecordOffset || map_first + map_length > ns) {
-    MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", map_first);
-    return MORV_ERR_CORRUPT;
-  }
-  bitmap_part part{0, map_first, map_length, 0};
-  mapping map_node(tree->fork);
-  uint32_t b = 0;
-  err = find_free_node(tree, hn, &map_node, &part, &b);
+  txn_begin(tree);
+  uint32_t node = 0;
+  const morv_err err = txn_end(tree, claim(tree, &node));
   if (err) return err;
-  if (b >= total_nodes) {
-    MORV_ERROR("Need to expand B-tree, but this is not yet implemented.\n");
-    return MORV_ERR_UNSUPPORTED;
-  }
-  uint8_t header[hr::kSize];
-  memcpy(header, hn + hr::kForkOffset, hr::kSize);
-  store_be32(header + hr::kFreeNodes, load_be32(header + hr::kFreeNodes) - 1);
-  err = write_header(tree, header);
-  if (err) {
-    MORV_ERROR("Error while writing out modified tree header record after claiming node.\n");
-    return err;
-  }
-  const uint8_t* bytes = part.node ? map_node.get() : hn;
-  const size_t at = part.first + (b / 8 - part.earlier);
-  const uint8_t mask = static_cast<uint8_t>(0x80u >> (b % 8));
-  if (bytes[at] & mask) {
-    MORV_CRITICAL("Internal error: Node is already allocated!\n");
-    return MORV_ERR_INTERNAL;
-  }
-  const uint8_t byte = static_cast<uint8_t>(bytes[at] | mask);
-  err = morv_fork_write(tree->fork, node_offset(tree, part.node) + at, &byte, 1, nullptr);
-  if (err) {
-    MORV_ERROR("Error while writing out modified bitmap byte after claiming node.\n");
-    return err;
-  }
-  while ((err = map_node.unmap()) != MORV_OK) {
-    MORV_ERROR("Error %llu while unmapping previously mapped map node data.\n", morv_ull(err));
-  }
-  err = header_map.unmap();
-  if (err) {
-    MORV_ERROR("Error while unmapping complete header node of B-tree.\n");
-    return err;
-  }
-  *out_node_number = b;
+  *out_node_number = node;
   return MORV_OK;
 }
+
+// ============================================================ editing nodes
+
+namespace {
+
+// ---- the two primitives ----
+
+// Puts a record of `size` bytes at index `i` of `node` (number `number`),
+// which has room for it and its offset entry; the records behind move up,
+// and so do their open locators.
+void insert_record(morv_btree* tree, uint8_t* node, uint32_t number, uint16_t i,
+                   const uint8_t* record, size_t size) {
+  const uint16_t ns = tree->node_size;
+  const uint16_t n = num_records(node);
+  const uint16_t at = offset_entry(node, ns, i);
+  const uint16_t free_start = offset_entry(node, ns, n);
+  memmove(node + at + size, node + at, size_t{free_start} - at);
+  memcpy(node + at, record, size);
+  for (uint32_t k = n + 1u; k > i; --k)
+    set_offset_entry(node, ns, k, static_cast<uint16_t>(offset_entry(node, ns, k - 1) + size));
+  store_be16(node + nd::kNumRecords, static_cast<uint16_t>(n + 1));
+  morv_btree_relocate_open_locators(tree, number, i, n - i, number, 0, 1,
+                                    static_cast<uint32_t>(size));
+}
+
+// Takes `count` records out of `node` from index `i`; the records behind
+// move down, and so do their open locators. The bytes left behind are zeroed.
+void remove_records(morv_btree* tree, uint8_t* node, uint32_t number, uint16_t i,
+                    uint16_t count) {
+  if (count == 0) return;
+  const uint16_t ns = tree->node_size;
+  const uint16_t n = num_records(node);
+  const uint16_t at = offset_entry(node, ns, i);
+  const uint16_t end = offset_entry(node, ns, i + count);
+  const uint16_t free_start = offset_entry(node, ns, n);
+  const uint16_t bytes = static_cast<uint16_t>(end - at);
+  memmove(node + at, node + end, size_t{free_start} - end);
+  memset(node + free_start - bytes, 0, bytes);
+  for (uint32_t k = i + 1u; k + count <= n; ++k)
+    set_offset_entry(node, ns, k, static_cast<uint16_t>(offset_entry(node, ns, k + count) - bytes));
+  for (uint32_t k = n - count + 1u; k <= n; ++k) set_offset_entry(node, ns, k, 0);
+  store_be16(node + nd::kNumRecords, static_cast<uint16_t>(n - count));
+  morv_btree_relocate_open_locators(tree, number, static_cast<uint16_t>(i + count),
+                                    n - (i + count), number, 1, count, bytes);
+}
+
+// Locators of records that an edit takes away name nothing any more.
+void mark_removed(morv_btree* tree, uint32_t number, uint16_t i, uint16_t count) {
+  for (morv_btree_record_locator* l = tree->priv->open_locators; l; l = l->priv->next) {
+    morv_btree_record_locator_private* p = l->priv;
+    if (!p->deleted && p->node_number == number && p->record_index >= i &&
+        p->record_index < i + count) {
+      p->deleted = 1;
+    }
+  }
+}
+
+// Moves the records of `from` from index `first` on into the empty node `to`,
+// their locators with them.
+void move_tail(morv_btree* tree, const node_copy& from, uint16_t first, const node_copy& to) {
+  const uint16_t ns = tree->node_size;
+  const uint16_t n = num_records(from.get());
+  for (uint16_t j = first; j < n; ++j) {
+    insert_record(tree, to.get(), to.number, static_cast<uint16_t>(j - first),
+                  record_at(from.get(), ns, j), record_size(from.get(), ns, j));
+  }
+  for (morv_btree_record_locator* l = tree->priv->open_locators; l; l = l->priv->next) {
+    morv_btree_record_locator_private* p = l->priv;
+    if (p->deleted || p->node_number != from.number || p->record_index < first) continue;
+    p->node_number = to.number;
+    p->record_index = static_cast<uint16_t>(p->record_index - first);
+    p->data_offset = node_offset(tree, to.number) + offset_entry(to.get(), ns, p->record_index) +
+                     p->raw_data_offset;
+  }
+  remove_records(tree, from.get(), from.number, first, static_cast<uint16_t>(n - first));
+}
+
+// ---- edits ----
+
+// A change of one node's records: `remove` records at `at` go, then the
+// `count` records given come in at `at`, in order.
+struct edit {
+  uint16_t at = 0;
+  uint16_t remove = 0;
+  size_t count = 0;
+  const uint8_t* records[kMaxParts] = {};
+  size_t sizes[kMaxParts] = {};
+};
+
+// Where the first record of an edit ended up.
+struct placement {
+  uint32_t node;
+  uint16_t index;
+};
+
+// What one level leaves for the level above: its edit, whose index records
+// live in `storage`.
+struct upward {
+  edit change;
+  bool has_change = false;
+  morv::buffer<uint8_t> storage;
+};
+
+size_t index_record_size(const uint8_t* key) { return padded(size_t{load_be16(key)} + 2) + 4; }
+
+// An index record: `key`, padded to even length, and the child's number.
+void make_index_record(const uint8_t* key, uint32_t child, uint8_t* out) {
+  const size_t key_size = size_t{load_be16(key)} + 2;
+  memcpy(out, key, key_size);
+  if (key_size & 1) out[key_size] = 0;
+  store_be32(out + padded(key_size), child);
+}
+
+// The edited sequence of a node's records (the node after the edit's
+// removal, with the edit's records at `at`), by size.
+struct sequence {
+  const uint8_t* node;
+  uint16_t ns;
+  const edit* e;
+  size_t length() const { return num_records(node) + e->count; }
+  size_t size(size_t j) const {
+    if (j < e->at) return record_size(node, ns, j);
+    if (j < e->at + e->count) return e->sizes[j - e->at];
+    return record_size(node, ns, j - e->count);
+  }
+};
+
+bool fits(uint16_t ns, size_t records, size_t bytes) {
+  return nd::kDescriptorSize + bytes + nd::kOffsetEntrySize * (records + 1) <= ns;
+}
+
+// Cuts the sequence into nodes: in two, as evenly as the sizes allow, or,
+// when no cut in two fits (records large beside the node), greedily into as
+// few as needed. starts[p] is the first record of part p.
+[[nodiscard]] morv_err choose_parts(const sequence& seq, size_t* starts, size_t* parts) {
+  const size_t n = seq.length();
+  size_t total = 0;
+  for (size_t j = 0; j < n; ++j) total += seq.size(j);
+  size_t best = 0;
+  size_t best_difference = SIZE_MAX;
+  size_t left = 0;
+  for (size_t s = 1; s < n; ++s) {
+    left += seq.size(s - 1);
+    if (!fits(seq.ns, s, left) || !fits(seq.ns, n - s, total - left)) continue;
+    const size_t l = left + 2 * s;
+    const size_t r = total - left + 2 * (n - s);
+    const size_t difference = l > r ? l - r : r - l;
+    if (difference < best_difference) {
+      best_difference = difference;
+      best = s;
+    }
+  }
+  starts[0] = 0;
+  if (best) {
+    starts[1] = best;
+    *parts = 2;
+    return MORV_OK;
+  }
+  size_t count = 1;
+  size_t records = 0;
+  size_t bytes = 0;
+  for (size_t j = 0; j < n; ++j) {
+    if (records && !fits(seq.ns, records + 1, bytes + seq.size(j))) {
+      if (count == kMaxParts) {
+        MORV_CRITICAL("Internal error: Occupied size for both split (%lu) and claimed (%lu) nodes "
+                      "exceed the node size (%hu)!\n",
+                      morv_ul(static_cast<uint32_t>(bytes)),
+                      morv_ul(static_cast<uint32_t>(total - bytes)), seq.ns);
+        return MORV_ERR_INTERNAL;
+      }
+      starts[count++] = j;
+      records = 0;
+      bytes = 0;
+    }
+    ++records;
+    bytes += seq.size(j);
+  }
+  *parts = count;
+  return MORV_OK;
+}
+
+// Reads the descriptor of `number`, a sibling of `of` at its level, and
+// checks that it links to `of` at `link_field`.
+[[nodiscard]] morv_err read_sibling(morv_btree* tree, uint32_t number, const uint8_t* of,
+                                    uint32_t of_number, size_t link_field,
+                                    uint8_t* descriptor) {
+  morv_err err = morv_fork_read(tree->fork, node_offset(tree, number), descriptor,
+                                nd::kDescriptorSize, nullptr);
+  if (err) {
+    MORV_ERROR("Error while reading node descriptor of claimed node's forward linked node.\n");
+    return err;
+  }
+  if (load_be32(descriptor + link_field) != of_number || node_kind(descriptor) != node_kind(of) ||
+      node_height(descriptor) != node_height(of)) {
+    MORV_ERROR("Invalid node data: Node %lu does not link back to its neighbour %lu.\n",
+               morv_ul(number), morv_ul(of_number));
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+// Chains the parts of a split behind each other in place of `x` alone, and
+// points the node that followed `x` (or lastLeafNode) at the last part.
+[[nodiscard]] morv_err link_parts(morv_btree* tree, node_copy* parts, size_t count) {
+  uint8_t* x = parts[0].get();
+  const uint32_t old_flink = load_be32(x + nd::kFLink);
+  for (size_t p = 1; p < count; ++p) {
+    store_be32(parts[p - 1].get() + nd::kFLink, parts[p].number);
+    store_be32(parts[p].get() + nd::kBLink, parts[p - 1].number);
+  }
+  const uint32_t last = parts[count - 1].number;
+  store_be32(parts[count - 1].get() + nd::kFLink, old_flink);
+  if (old_flink) {
+    uint8_t descriptor[nd::kDescriptorSize];
+    morv_err err = read_sibling(tree, old_flink, x, parts[0].number, nd::kBLink, descriptor);
+    if (err) return err;
+    uint8_t link[4];
+    store_be32(link, last);
+    if ((err = tree_write(tree, node_offset(tree, old_flink) + nd::kBLink, link, sizeof link))) {
+      MORV_ERROR("Error while writing back modified node descriptor.\n");
+    }
+    return err;
+  }
+  if (node_kind(x) != nd::kKindLeaf) return MORV_OK;
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  h.set(hr::kLastLeafNode, last);
+  return write_tree_header(tree, h);
+}
+
+// Splits `parts[0]` (the node after the edit's removal) so that the edit's
+// records fit: claims the nodes the cut asks for, moves the records there
+// and places the edit's records.
+[[nodiscard]] morv_err split(morv_btree* tree, const edit& e, node_copy* parts, size_t* count,
+                             placement* placed) {
+  const uint16_t ns = tree->node_size;
+  node_copy& x = parts[0];
+  size_t starts[kMaxParts];
+  morv_err err = choose_parts(sequence{x.get(), ns, &e}, starts, count);
+  if (err) return err;
+  for (size_t p = 1; p < *count; ++p) {
+    if ((err = claim(tree, &parts[p].number))) {
+      MORV_ERROR("Error while claiming node.\n");
+      return err;
+    }
+    if (!parts[p].bytes.allocate(ns)) {
+      MORV_ERROR("Error while allocating node-sized (%zu bytes) buffer to hold the claimed node "
+                 "data.\n",
+                 size_t{ns});
+      return MORV_ERR_NO_MEMORY;
+    }
+    uint8_t* k = parts[p].get();
+    k[nd::kKind] = x.get()[nd::kKind];
+    k[nd::kHeight] = x.get()[nd::kHeight];
+    set_offset_entry(k, ns, 0, nd::kFirstRecordOffset);
+  }
+  // The old records of each part leave x, the last part first.
+  for (size_t p = *count; p-- > 1;) {
+    const size_t s = starts[p];
+    const size_t first = s <= e.at ? s : (s >= e.at + e.count ? s - e.count : e.at);
+    move_tail(tree, x, static_cast<uint16_t>(first), parts[p]);
+  }
+  for (size_t q = 0; q < e.count; ++q) {
+    const size_t j = e.at + q;
+    size_t p = *count - 1;
+    while (starts[p] > j) --p;
+    const uint16_t local = static_cast<uint16_t>(j - starts[p]);
+    insert_record(tree, parts[p].get(), parts[p].number, local, e.records[q], e.sizes[q]);
+    if (q == 0 && placed) *placed = placement{parts[p].number, local};
+  }
+  if ((err = link_parts(tree, parts, *count))) return err;
+  for (size_t p = 0; p < *count; ++p)
+    if ((err = write_node(tree, parts[p]))) return err;
+  return MORV_OK;
+}
+
+// What the parent of a node edited at `level` must do: take index records
+// for the parts of a split, or a smaller first key now; a grown first key
+// and an emptied node wait for the end of the transaction.
+[[nodiscard]] morv_err prepare_up(morv_btree* tree, const tree_header& h, const tree_path& path,
+                                  size_t level, const node_copy* parts, size_t count,
+                                  upward* up) {
+  const uint16_t ns = tree->node_size;
+  const node_copy& x = parts[0];
+  const uint8_t height = node_height(x.get());
+  const uint32_t parent = path.node[level - 1];
+  const uint16_t i = path.index[level - 1];
+  mapping m(tree->fork);
+  morv_err err = map_node(tree, h, parent, static_cast<uint8_t>(height + 1), &m);
+  if (err) return err;
+  if (child_at(m.get(), ns, i) != x.number) {
+    MORV_ERROR("Invalid node data: Index record %hu of node %lu does not point to node %lu.\n", i,
+               morv_ul(parent), morv_ul(x.number));
+    return MORV_ERR_CORRUPT;
+  }
+  const uint8_t* parent_key = record_at(m.get(), ns, i);
+  if (count == 1) {
+    if (num_records(x.get()) == 0) return pend(tree, x.number, height, parent_key);
+    const uint8_t* first = record_at(x.get(), ns, 0);
+    if (same_key(first, parent_key)) return MORV_OK;
+    if (tree->priv->compare_keys(first, parent_key, h.compare_type()) >= 0)
+      return pend(tree, x.number, height, parent_key);
+  }
+  size_t bytes = 0;
+  for (size_t p = 0; p < count; ++p) bytes += index_record_size(record_at(parts[p].get(), ns, 0));
+  if (!up->storage.allocate(bytes)) {
+    MORV_ERROR("Error while allocating %zu bytes for index records.\n", bytes);
+    return MORV_ERR_NO_MEMORY;
+  }
+  up->change = edit{};
+  up->change.at = i;
+  up->change.remove = 1;
+  up->change.count = count;
+  uint8_t* out = up->storage.get();
+  for (size_t p = 0; p < count; ++p) {
+    const uint8_t* key = record_at(parts[p].get(), ns, 0);
+    make_index_record(key, parts[p].number, out);
+    up->change.records[p] = out;
+    up->change.sizes[p] = index_record_size(key);
+    out += up->change.sizes[p];
+  }
+  up->has_change = true;
+  unpend(tree, x.number);
+  return MORV_OK;
+}
+
+// Applies `e` to the node at `level` of `path`; *up receives what the level
+// above must do.
+[[nodiscard]] morv_err edit_node(morv_btree* tree, const tree_path& path, size_t level,
+                                 const edit& e, placement* placed, upward* up) {
+  const uint16_t ns = tree->node_size;
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  const uint8_t height = static_cast<uint8_t>(h.depth() - level);
+  node_copy parts[kMaxParts];
+  node_copy& x = parts[0];
+  if ((err = read_node(tree, h, path.node[level], height, &x))) return err;
+  if (e.at + e.remove > num_records(x.get())) {
+    MORV_CRITICAL("Internal error: Edit of records %hu to %hu beyond the %hu records of node %lu.\n",
+                  e.at, static_cast<uint16_t>(e.at + e.remove), num_records(x.get()),
+                  morv_ul(x.number));
+    return MORV_ERR_INTERNAL;
+  }
+  mark_removed(tree, x.number, e.at, e.remove);
+  remove_records(tree, x.get(), x.number, e.at, e.remove);
+  size_t need = 0;
+  for (size_t q = 0; q < e.count; ++q) need += e.sizes[q] + nd::kOffsetEntrySize;
+  size_t count = 1;
+  if (need <= free_room(x.get(), ns)) {
+    for (size_t q = 0; q < e.count; ++q)
+      insert_record(tree, x.get(), x.number, static_cast<uint16_t>(e.at + q), e.records[q],
+                    e.sizes[q]);
+    if (placed && e.count) *placed = placement{x.number, e.at};
+    if ((err = write_node(tree, x))) return err;
+  } else {
+    if (level == 0) {
+      MORV_ERROR("Unable to split root node.\n");
+      return MORV_ERR_INTERNAL;
+    }
+    if ((err = split(tree, e, parts, &count, placed))) return err;
+  }
+  if (level > 0) return prepare_up(tree, h, path, level, parts, count, up);
+  // The root has no index record; an emptied root leaves the tree empty.
+  if (num_records(x.get()) == 0) return pend(tree, x.number, height, nullptr);
+  return MORV_OK;
+}
+
+// Applies `e` at `level` and whatever it asks of the levels above.
+[[nodiscard]] morv_err edit_levels(morv_btree* tree, const tree_path& path, size_t level,
+                                   const edit& first, placement* placed) {
+  upward a;
+  upward b;
+  upward* next = &a;
+  upward* spare = &b;
+  edit e = first;
+  for (size_t l = level;; --l) {
+    next->has_change = false;
+    morv_err err = edit_node(tree, path, l, e, l == level ? placed : nullptr, next);
+    if (err || !next->has_change) return err;
+    e = next->change;  // its records live in next->storage until the level after
+    upward* used = next;
+    next = spare;
+    spare = used;
+  }
+}
+
+}  // namespace
 
 // ============================================================ insertion
 
@@ -1252,457 +2054,157 @@ morv_err morv_btree_node_make_record(const uint8_t* key, uint16_t key_length, co
 
 namespace {
 
-[[nodiscard]] morv_err read_node(morv_btree* tree, uint32_t node, uint8_t* buf) {
-  return morv_fork_read(tree->fork, node_offset(tree, node), buf, tree->node_size, nullptr);
-}
-[[nodiscard]] morv_err write_node(morv_btree* tree, uint32_t node, const uint8_t* buf) {
-  return morv_fork_write(tree->fork, node_offset(tree, node), buf, tree->node_size, nullptr);
-}
-
-// Chooses the split index: the binary search over split points that keeps
-// the two nodes' occupied sizes (the new record of R bytes at position p
-// included) closest. A split point equal to numRecords would move no record
-// and is never taken.
-[[nodiscard]] morv_err choose_split_index(const uint8_t* buf, uint16_t ns, uint16_t p, size_t r,
-                                          uint16_t* out_index) {
-  const int64_t n = num_records(buf);
-  const int64_t f = offset_entry(buf, ns, static_cast<size_t>(n));
-  const int64_t rr = static_cast<int64_t>(r);
-  const int64_t t = f + rr;
-  int64_t best_difference = n + t - 14;
-  int64_t best = -1;
-  int64_t lo = 0;
-  int64_t hi = n;
-  while (lo != hi) {
-    const int64_t m = lo + (hi + 1 - lo) / 2;
-    if (m >= n) break;
-    const int64_t e = p < m ? offset_entry(buf, ns, static_cast<size_t>(m)) + rr
-                            : int64_t{offset_entry(buf, ns, static_cast<size_t>(m + 1))};
-    const int64_t l = e + 2 * (m + 1);
-    const int64_t q = t - e + 2 * (n - m + 2) + 14;
-    if (l > ns && q > ns) {
-      MORV_CRITICAL("Internal error: Occupied size for both split (%lu) and claimed (%lu) nodes "
-                    "exceed the node size (%hu)!\n",
-                    morv_ul(static_cast<uint32_t>(l)), morv_ul(static_cast<uint32_t>(q)), ns);
-      return MORV_ERR_INTERNAL;
-    }
-    const int64_t difference = l > q ? l - q : q - l;
-    if (difference < best_difference) {
-      best_difference = difference;
-      best = m;
-    }
-    if (l < q) {
-      if (hi == m) break;
-      lo = m + 1;
-    } else {
-      if (l == q || lo == m) break;
-      hi = m - 1;
-    }
-  }
-  if (best < 0 || best > 65535) {
-    MORV_CRITICAL("Internal error: Invalid value for 'min_occupied_size_record' (%ld).\n",
-                  static_cast<long>(best));
-    return MORV_ERR_INTERNAL;
-  }
-  *out_index = static_cast<uint16_t>(best);
-  return MORV_OK;
-}
-
-// Checks of the target node before a record goes in at `p`.
-[[nodiscard]] morv_err check_insert_node(const uint8_t* buf, uint16_t ns, uint16_t p) {
-  const uint16_t n = num_records(buf);
-  if (nd::kOffsetEntrySize * (n + 8u) > ns) {
-    MORV_ERROR("Invalid node data: Value of 'numRecords' (%hu) is too large for %hu byte node.\n",
-               n, ns);
-    return MORV_ERR_CORRUPT;
-  }
-  if (p > n) {
-    MORV_ERROR("Invalid node data: Next record (%hu) is larger than the number of records (%hu).\n",
-               p, n);
-    return MORV_ERR_CORRUPT;
-  }
-  const uint16_t f = offset_entry(buf, ns, n);
-  if (p != n) {
-    const uint16_t next = offset_entry(buf, ns, p + 1u);
-    if (next < offset_entry(buf, ns, p) || f > ns || f < next) return MORV_ERR_CORRUPT;
-  }
-  return validate_node(buf, ns);
-}
-
-// Splits the full node `*node` so that a record of `r` bytes fits at `*p`;
-// on return *node and *p name where the record goes, `buf` holds that node.
-[[nodiscard]] morv_err split_for_insert(morv_btree* tree, uint32_t* node, uint16_t* p, size_t r,
-                                        uint8_t* buf) {
-  const uint16_t ns = tree->node_size;
-  const uint16_t n = num_records(buf);
-  const uint16_t f = offset_entry(buf, ns, n);
-  const uint16_t array_start = static_cast<uint16_t>(ns - nd::kOffsetEntrySize * (n + 1u));
-  const uint16_t off_p = offset_entry(buf, ns, *p);
-  if (offset_entry(buf, ns, 0) > off_p || off_p > f || f > array_start) {
-    MORV_ERROR("Invalid node data: Record offsets are not in order (record 0: %hu, record %hu: %hu, "
-               "free space: %hu, record offset array: %hu).\n",
-               offset_entry(buf, ns, 0), *p, off_p, f, array_start);
-    return MORV_ERR_CORRUPT;
-  }
-  uint16_t m = 0;
-  morv_err err = choose_split_index(buf, ns, *p, r, &m);
-  if (err) return err;
-  uint32_t claimed = 0;
-  err = morv_btree_split_node(tree, *node, m, &claimed);
-  if (err) {
-    MORV_ERROR("Error while splitting node.\n");
-    return err;
-  }
-  if (claimed == 0) {
-    MORV_CRITICAL("Unexpected: morv_btree_split_node returned 0.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  if (m < *p) {
-    *node = claimed;
-    *p = static_cast<uint16_t>(*p - m);
-  }
-  err = read_node(tree, *node, buf);
-  if (err) {
-    MORV_ERROR("Error while reading complete node data of claimed node.\n");
-    return err;
-  }
-  const uint16_t count = num_records(buf);
-  if (nd::kOffsetEntrySize * (count + 8u) > ns) {
-    MORV_CRITICAL("Invalid node data in newly claimed node: Value of 'numRecords' (%hu) is too large "
-                  "for %hu byte node.\n",
-                  count, ns);
-    return MORV_ERR_CORRUPT;
-  }
-  err = validate_node(buf, ns);
-  if (err) return err;
-  const size_t room = ns - offset_entry(buf, ns, count) - nd::kOffsetEntrySize * (count + 1u);
-  if (room < r + nd::kOffsetEntrySize) {
-    MORV_CRITICAL("Internal error: No room for a %zu byte record in node %lu after the split.\n", r,
-                  morv_ul(*node));
-    return MORV_ERR_INTERNAL;
-  }
-  return MORV_OK;
-}
-
-// Puts the record into `buf` at `p`: the records behind move up by `r`
-// bytes, and the offset array grows by one entry.
-[[nodiscard]] morv_err place_record(uint8_t* buf, uint16_t ns, uint16_t p, const uint8_t* key,
-                                    const void* data, uint16_t data_size, uint16_t r) {
-  const uint16_t n = num_records(buf);
-  const uint16_t off_p = offset_entry(buf, ns, p);
-  const uint16_t f = offset_entry(buf, ns, n);
-  if (off_p != f) memmove(buf + off_p + r, buf + off_p, size_t{f} - off_p);
-  morv_err err = morv_btree_node_make_record(key, load_be16(key), data, data_size, buf + off_p, r);
-  if (err) {
-    MORV_CRITICAL("Unexpected: Error while assembling B-tree node record from source key and data.");
-    return err;
-  }
-  for (uint32_t i = n + 1u; i > p; --i) {
-    set_offset_entry(buf, ns, i, static_cast<uint16_t>(offset_entry(buf, ns, i - 1) + r));
-  }
-  store_be16(buf + nd::kNumRecords, static_cast<uint16_t>(n + 1));
-  return MORV_OK;
-}
-
-[[nodiscard]] morv_err bump_leaf_records(morv_btree* tree, int delta) {
-  uint8_t header[hr::kSize];
-  morv_err err = read_header(tree, header);
-  if (err) {
-    MORV_ERROR("Error while reading B-tree header record.\n");
-    return err;
-  }
-  store_be32(header + hr::kLeafRecords,
-             static_cast<uint32_t>(load_be32(header + hr::kLeafRecords) + delta));
-  err = write_header(tree, header);
-  if (err) {
-    MORV_ERROR("Error while writing out incremented leaf record count in header record.\n");
-  }
-  return err;
-}
-
-// A new first record of a non-root node: its parent's index record, which
-// carries `old_key`, is replaced by one with `new_key`.
-[[nodiscard]] morv_err replace_parent_key(morv_btree* tree, uint32_t node, uint8_t height,
-                                          const uint8_t* old_key, const uint8_t* new_key) {
-  if (height == kMaxHeight) {
-    MORV_ERROR("B-tree depth too large.\n");
-    return MORV_ERR_CORRUPT;
-  }
-  morv_btree_search_result found{};
-  morv_err err = morv_btree_search_node_internal(tree, old_key, 0, 0,
-                                                 static_cast<uint8_t>(height + 1), &found);
-  if (err) {
-    MORV_ERROR("Error while searching for index node to modify.\n");
-    return err;
-  }
-  if (!found.locator) return MORV_ERR_CORRUPT;
-  err = morv_btree_delete_record_internal(tree, found.locator);
-  morv_btree_record_locator_close_locked(&found.locator, 0);
-  if (err) {
-    MORV_ERROR("Error while deleting file/folder record from B-tree.\n");
-    return err;
-  }
-  err = morv_btree_add_index_record(tree, new_key, static_cast<uint8_t>(height + 1), node);
-  if (err) MORV_ERROR("Error while adding index record.\n");
-  return err;
-}
-
-// Copies the key at offset 14 of `buf`: the node's first key before an
-// insertion at position 0. In a node emptied by deletions these bytes are
-// the last deleted record, whose key its parent's index record still carries.
-[[nodiscard]] morv_err copy_first_key(const uint8_t* buf, uint16_t ns, morv::buffer<uint8_t>* out) {
-  const size_t key_size = size_t{load_be16(buf + nd::kFirstRecordOffset)} + 2;
-  const size_t limit = ns - nd::kOffsetEntrySize * (num_records(buf) + 2u);
-  if (nd::kFirstRecordOffset + key_size > limit) {
-    MORV_ERROR("Invalid node data: Key of record %hu does not fit in its record (%zu bytes).\n",
-               uint16_t{0}, key_size);
-    return MORV_ERR_CORRUPT;
-  }
-  if (!out->allocate(key_size)) return MORV_ERR_NO_MEMORY;
-  memcpy(out->get(), buf + nd::kFirstRecordOffset, key_size);
-  return MORV_OK;
-}
-
-// After the node write: locators, leafRecords and the parent's index key.
-[[nodiscard]] morv_err after_insert(morv_btree* tree, uint32_t node, uint16_t p, uint16_t r,
-                                    bool moved, const uint8_t* buf, const uint8_t* old_first_key) {
-  const uint16_t ns = tree->node_size;
-  if (moved) {
-    morv_btree_relocate_open_locators(tree, node, p, num_records(buf) - 1u - p, node, 0, 1, r);
-  }
-  morv_err err = MORV_OK;
-  if (node_kind(buf) == nd::kKindLeaf) {
-    err = bump_leaf_records(tree, 1);
-    if (err) return err;
-  }
-  uint8_t header[hr::kSize];
-  err = read_header(tree, header);
-  if (err) {
-    MORV_ERROR("Error while reading header record.\n");
-    return err;
-  }
-  const uint8_t height = buf[nd::kHeight];
-  if (p == 0 && height < load_be16(header + hr::kTreeDepth)) {
-    err = replace_parent_key(tree, node, height, old_first_key,
-                             buf + offset_entry(buf, ns, 0));
-  }
-  return err;
-}
-
-// The record goes in at (node, p) of a tree that has a root.
-[[nodiscard]] morv_err insert_at(morv_btree* tree, const uint8_t* key, const void* data,
-                                 uint16_t data_size, uint32_t node, uint16_t p, bool after_last,
-                                 morv_btree_record_locator** out_locator) {
-  const uint16_t ns = tree->node_size;
-  morv::buffer<uint8_t> buf;
-  if (!buf.allocate(ns)) {
-    MORV_ERROR("Error while allocating node-sized buffer for modified contents (%zu bytes).\n",
-               size_t{ns});
-    return MORV_ERR_NO_MEMORY;
-  }
-  morv_err err = read_node(tree, node, buf.get());
-  if (err) {
-    MORV_ERROR("Error while reading complete node data of node where record should be inserted.\n");
-    return err;
-  }
-  if (p != num_records(buf.get()) && after_last) ++p;
-  err = check_insert_node(buf.get(), ns, p);
-  if (err) return err;
-  const size_t r = padded(size_t{load_be16(key)} + 2) + padded(data_size);
-  if (r > size_t{ns} - 18) {
-    MORV_ERROR("Record cannot fit in a node given the B-tree's node size of %hu bytes (need %zu "
-               "bytes).\n",
-               ns, r + 18);
-    return MORV_ERR_UNSUPPORTED;
-  }
-  const uint16_t n = num_records(buf.get());
-  const size_t room = ns - offset_entry(buf.get(), ns, n) - nd::kOffsetEntrySize * (n + 1u);
-  if (room < r + nd::kOffsetEntrySize) {
-    err = split_for_insert(tree, &node, &p, r, buf.get());
-    if (err) return err;
-  }
-  morv::buffer<uint8_t> old_first_key;
-  if (p == 0) {
-    err = copy_first_key(buf.get(), ns, &old_first_key);
-    if (err) return err;
-  }
-  const bool moved = offset_entry(buf.get(), ns, p) != offset_entry(buf.get(), ns, num_records(buf.get()));
-  err = place_record(buf.get(), ns, p, key, data, data_size, static_cast<uint16_t>(r));
-  if (err) return err;
-  err = write_node(tree, node, buf.get());
-  if (err) {
-    MORV_ERROR("Error while writing out modified node after inserting record.\n");
-    return err;
-  }
-  err = after_insert(tree, node, p, static_cast<uint16_t>(r), moved, buf.get(), old_first_key.get());
-  if (err) return err;
-  const uint16_t off_p = offset_entry(buf.get(), ns, p);
-  err = morv_btree_record_locator_open(tree, node, p, buf.get() + off_p, r,
-                                       node_offset(tree, node) + off_p, out_locator);
-  if (err) MORV_ERROR("Error while creating morv_btree_record_locator.\n");
-  return err;
-}
-
-// The empty-tree case: a tree without a root (rootNode 0, treeDepth 0, as a
-// fresh extents overflow file is) first gets a claimed node as an empty root
-// leaf, which also becomes the first and last leaf.
+// A tree without a root (rootNode 0, treeDepth 0, as a fresh extents
+// overflow file is) gets a claimed node as its root leaf, which is also the
+// first and last leaf.
 [[nodiscard]] morv_err make_root_leaf(morv_btree* tree) {
-  uint32_t node = 0;
-  morv_err err = morv_btree_claim_node(tree, &node);
+  node_copy root;
+  morv_err err = claim(tree, &root.number);
   if (err) {
     MORV_ERROR("Error while claiming node.\n");
     return err;
   }
-  morv::buffer<uint8_t> buf;
-  if (!buf.allocate(tree->node_size)) return MORV_ERR_NO_MEMORY;
-  // Read before it is rewritten: the cache takes a written sector as
-  // unread, and a later read would bring the old bytes back over it.
-  err = read_node(tree, node, buf.get());
-  if (err) return err;
-  memset(buf.get(), 0, tree->node_size);
-  buf[nd::kKind] = static_cast<uint8_t>(nd::kKindLeaf);
-  buf[nd::kHeight] = 1;
-  set_offset_entry(buf.get(), tree->node_size, 0, nd::kFirstRecordOffset);
-  err = write_node(tree, node, buf.get());
-  if (err) return err;
-  uint8_t header[hr::kSize];
-  err = read_header(tree, header);
-  if (err) return err;
-  store_be16(header + hr::kTreeDepth, 1);
-  store_be32(header + hr::kRootNode, node);
-  store_be32(header + hr::kFirstLeafNode, node);
-  store_be32(header + hr::kLastLeafNode, node);
-  return write_header(tree, header);
+  if (!root.bytes.allocate(tree->node_size)) return MORV_ERR_NO_MEMORY;
+  root.get()[nd::kKind] = static_cast<uint8_t>(nd::kKindLeaf);
+  root.get()[nd::kHeight] = nd::kLeafHeight;
+  set_offset_entry(root.get(), tree->node_size, 0, nd::kFirstRecordOffset);
+  if ((err = write_node(tree, root))) return err;
+  tree_header h;
+  if ((err = read_tree_header(tree, &h))) return err;
+  h.set_depth(1);
+  h.set(hr::kRootNode, root.number);
+  h.set(hr::kFirstLeafNode, root.number);
+  h.set(hr::kLastLeafNode, root.number);
+  return write_tree_header(tree, h);
 }
 
-[[nodiscard]] morv_err tree_is_empty(morv_btree* tree, bool* out_empty) {
-  uint8_t header[hr::kSize];
-  morv_err err = read_header(tree, header);
-  if (err) return err;
-  *out_empty = load_be32(header + hr::kRootNode) == 0;
+// Moves `path` to the leaf that follows its leaf, through the tree's own
+// index records (not fLink); *moved is false at the tree's last leaf.
+[[nodiscard]] morv_err path_to_next_leaf(morv_btree* tree, const tree_header& h, tree_path* path,
+                                         bool* moved) {
+  const uint16_t ns = tree->node_size;
+  const size_t leaf = path->last();
+  *moved = false;
+  for (size_t k = leaf; k-- > 0;) {
+    mapping m(tree->fork);
+    morv_err err = map_node(tree, h, path->node[k], static_cast<uint8_t>(h.depth() - k), &m);
+    if (err) return err;
+    if (path->index[k] + 1u >= num_records(m.get())) continue;
+    ++path->index[k];
+    uint32_t child = child_at(m.get(), ns, path->index[k]);
+    for (size_t j = k + 1; j <= leaf; ++j) {
+      path->node[j] = child;
+      path->index[j] = 0;
+      if (j == leaf) break;
+      mapping c(tree->fork);
+      if ((err = map_node(tree, h, child, static_cast<uint8_t>(h.depth() - j), &c))) return err;
+      child = child_at(c.get(), ns, 0);
+    }
+    *moved = true;
+    return MORV_OK;
+  }
   return MORV_OK;
 }
 
-}  // namespace
+// A key in the gap between two leaves may go at the end of the first or at
+// the start of the second; a caller's location that names the second is
+// honoured (a record rebuilt where it was deleted).
+[[nodiscard]] morv_err follow_location(morv_btree* tree, const tree_header& h, const uint8_t* key,
+                                       const morv_btree_search_result* location, tree_path* path,
+                                       uint16_t* position) {
+  const uint32_t wanted = *location->locator->node_number;
+  tree_path next = *path;
+  bool moved = false;
+  morv_err err = path_to_next_leaf(tree, h, &next, &moved);
+  if (err || !moved || next.node[next.last()] != wanted) return err;
+  mapping m(tree->fork);
+  if ((err = map_node(tree, h, wanted, nd::kLeafHeight, &m))) return err;
+  if (num_records(m.get()) != 0 &&
+      tree->priv->compare_keys(record_at(m.get(), tree->node_size, 0), key, h.compare_type()) <= 0)
+    return MORV_OK;
+  *path = next;
+  *position = 0;
+  return MORV_OK;
+}
 
-namespace {
+[[nodiscard]] morv_err bump_leaf_records(morv_btree* tree, bool up) {
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  h.set(hr::kLeafRecords, h.leaf_records() + (up ? 1u : uint32_t{0xFFFFFFFF}));
+  if ((err = tree_write(tree, hr::kForkOffset, h.raw, hr::kSize))) {
+    if (up)
+      MORV_ERROR("Error while writing out incremented leaf record count in header record.\n");
+    else
+      MORV_ERROR("Error while writing out decremented 'leafRecords' in B-tree header record.\n");
+  }
+  return err;
+}
 
-// What one level of an insertion asks of the level above: the bytes of the
-// index record that a split adds there (0 without a split), and whether the
-// node's first key is replaced (an insertion at position 0).
-struct level_change {
-  size_t split_index_record;
-  bool replaces_first_key;
-};
-
-// Follows an insertion of an `r`-byte record at position `p` of `node`:
-// whether the node must split and, if so, the size of the index record the
-// claimed node's first key makes one level up.
-[[nodiscard]] morv_err plan_level(morv_btree* tree, uint32_t node, uint16_t p, size_t r,
-                                  bool is_root, level_change* out) {
+[[nodiscard]] morv_err insert_body(morv_btree* tree, const uint8_t* key, const void* data,
+                                   uint16_t data_size, const morv_btree_search_result* location,
+                                   morv_btree_record_locator** out_locator) {
   const uint16_t ns = tree->node_size;
-  mapping m(tree->fork);
-  morv_err err = m.map(node_offset(tree, node), ns);
-  if (err) {
-    MORV_ERROR("Error while mapping raw node data of node %lu.\n", morv_ul(node));
-    return err;
+  const uint16_t key_length = load_be16(key);
+  if (key_length > tree->max_key_length) {
+    MORV_ERROR("Invalid parameter: Key length %hu exceeds the tree's maximum key length (%hu).\n",
+               key_length, tree->max_key_length);
+    return MORV_ERR_INVALID_ARGUMENT;
   }
-  const uint8_t* buf = m.get();
-  if ((err = validate_node(buf, ns))) return err;
-  const uint16_t n = num_records(buf);
-  const size_t room = ns - offset_entry(buf, ns, n) - nd::kOffsetEntrySize * (n + 1u);
-  *out = level_change{0, p == 0};
-  if (room >= r + nd::kOffsetEntrySize) return m.unmap();
-  if (is_root) {
-    MORV_ERROR("Unable to split root node.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  uint16_t split = 0;
-  if ((err = choose_split_index(buf, ns, p > n ? n : p, r, &split))) return err;
-  // The claimed node starts with record `split`; the new record stays in the
-  // split node, at `p`, only when the split index is not below `p`.
-  const uint8_t* first = buf + offset_entry(buf, ns, split);
-  out->split_index_record = padded(size_t{load_be16(first)} + 2) + nd::kIndexDataSize;
-  out->replaces_first_key = p == 0 && split >= p;
-  return m.unmap();
-}
-
-// Size of the key of record `index` of `node` (keyLength + 2).
-[[nodiscard]] morv_err record_key_size(morv_btree* tree, uint32_t node, uint16_t index,
-                                       size_t* out_size) {
-  mapping m(tree->fork);
-  morv_err err = m.map(node_offset(tree, node), tree->node_size);
-  if (err) return err;
-  if ((err = validate_node(m.get(), tree->node_size))) return err;
-  const uint16_t n = num_records(m.get());
-  const uint16_t i = index < n ? index : static_cast<uint16_t>(n ? n - 1 : 0);
-  *out_size = n ? size_t{load_be16(m.get() + offset_entry(m.get(), tree->node_size, i))} + 2 : 0;
-  return m.unmap();
-}
-
-// Before anything is written: follows the splits and index key replacements
-// that an insertion of an `r`-byte record at position `p` of the path's last
-// node causes up the path, with the split points the insertion will choose,
-// and refuses the insertion when they would reach the root (which never
-// splits) or need more nodes than are free. Refusing here keeps the tree
-// intact; a refusal half-way would leave a split node without its index
-// record.
-[[nodiscard]] morv_err check_insert_fits(morv_btree* tree, const search_path& path, uint16_t p,
-                                         size_t r, size_t key_size) {
-  if (path.count == 0 || path.count > kMaxPath || r > size_t{tree->node_size} - 18) return MORV_OK;
-  const size_t new_index_record = padded(key_size) + nd::kIndexDataSize;
-  size_t need = r;
-  uint16_t position = p;
-  uint32_t claims = 0;
-  for (size_t k = path.count; k-- > 0;) {
-    level_change change{};
-    morv_err err = plan_level(tree, path.node[k], position, need, k == 0, &change);
-    if (err) return err;
-    claims += change.split_index_record != 0;
-    if (k == 0) break;
-    // One level up: the split's index record goes behind this node's own,
-    // and a replaced first key swaps this node's index record for one with
-    // the new key.
-    const uint16_t parent_index = path.index[k - 1];
-    size_t grows = change.split_index_record ? change.split_index_record + nd::kOffsetEntrySize : 0;
-    if (change.replaces_first_key) {
-      size_t old_key = 0;
-      if ((err = record_key_size(tree, path.node[k - 1], parent_index, &old_key))) return err;
-      const size_t old_record = padded(old_key) + nd::kIndexDataSize;
-      if (new_index_record > old_record) grows += new_index_record - old_record;
-    }
-    if (grows == 0) break;
-    need = grows - nd::kOffsetEntrySize * (change.split_index_record != 0);
-    position = static_cast<uint16_t>(parent_index + (change.split_index_record != 0));
-  }
-  uint8_t header[hr::kSize];
-  morv_err err = read_header(tree, header);
-  if (err) return err;
-  if (claims > load_be32(header + hr::kFreeNodes)) {
-    MORV_ERROR("Need to expand B-tree, but this is not yet implemented.\n");
+  const size_t r = padded(size_t{key_length} + 2) + padded(data_size);
+  if (r + nd::kRecordOverhead > ns) {
+    MORV_ERROR("Record cannot fit in a node given the B-tree's node size of %hu bytes (need %zu "
+               "bytes).\n",
+               ns, r + nd::kRecordOverhead);
     return MORV_ERR_UNSUPPORTED;
   }
-  return MORV_OK;
-}
-
-// Finds where the key goes (making the root of an empty tree first) and the
-// path there.
-[[nodiscard]] morv_err find_insert_location(morv_btree* tree, const uint8_t* key,
-                                            position* out_position, search_path* path) {
-  bool empty = false;
-  morv_err err = tree_is_empty(tree, &empty);
-  if (!err && empty) err = make_root_leaf(tree);
-  if (!err) err = search_common(tree, key, 0, -1, 0, out_position, nullptr, path);
-  if (err) {
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (!err && h.root() == 0 && !(err = make_root_leaf(tree))) err = read_tree_header(tree, &h);
+  if (err) return err;
+  tree_path path;
+  stop s{};
+  mapping m(tree->fork);
+  if ((err = descend(tree, h, key, h.root(), static_cast<uint8_t>(h.depth()), nd::kLeafHeight,
+                     &path, &s, &m))) {
     MORV_ERROR("Error while searching for insert location.\n");
     return err;
   }
-  if (out_position->node == 0) {
-    MORV_CRITICAL("ERROR:Unable to insert because morv_btree_search_node returned NULL when "
-                  "looking up insert location!\n");
-    return MORV_ERR_INTERNAL;
+  if (s.exact) {
+    MORV_ERROR("ERROR:Unable to insert because already exists?!\n");
+    return MORV_ERR_EXISTS;
   }
-  return MORV_OK;
+  uint16_t p = s.after_last ? num_records(m.get()) : path.index[path.last()];
+  if ((err = m.unmap())) return err;
+  if (location && location->locator && s.after_last &&
+      *location->locator->node_number != path.node[path.last()] &&
+      (err = follow_location(tree, h, key, location, &path, &p)))
+    return err;
+  morv::buffer<uint8_t> record(static_cast<uint8_t*>(morv_malloc(r)));
+  if (!record) {
+    MORV_ERROR("Error while allocating node-sized buffer for modified contents (%zu bytes).\n", r);
+    return MORV_ERR_NO_MEMORY;
+  }
+  if ((err = morv_btree_node_make_record(key, key_length, data, data_size, record.get(),
+                                         static_cast<uint16_t>(r)))) {
+    MORV_CRITICAL("Unexpected: Error while assembling B-tree node record from source key and data.");
+    return err;
+  }
+  edit e;
+  e.at = p;
+  e.count = 1;
+  e.records[0] = record.get();
+  e.sizes[0] = r;
+  placement placed{};
+  if ((err = edit_levels(tree, path, path.last(), e, &placed))) return err;
+  if ((err = bump_leaf_records(tree, true))) return err;
+  mapping leaf(tree->fork);
+  if ((err = leaf.map(node_offset(tree, placed.node), ns))) return err;
+  if ((err = open_on(tree, placed.node, leaf.get(), placed.index, out_locator))) {
+    MORV_ERROR("Error while creating morv_btree_record_locator.\n");
+    return err;
+  }
+  return leaf.unmap();
 }
 
 }  // namespace
@@ -1714,252 +2216,31 @@ morv_err morv_btree_insert_record_internal(morv_btree* tree, const uint8_t* key,
     MORV_ERROR("HFSPlus:%s: Invalid Search key\n", "morv_btree_search_node_internal");
     return MORV_ERR_INVALID_ARGUMENT;
   }
-  search_path path{};
-  position pos{};
-  morv_err err = find_insert_location(tree, key, &pos, &path);
-  if (err) return err;
-  // A caller's location is used as given: it may name a record that the
-  // caller has just deleted (a thread being rebuilt in place).
-  if (location && location->locator) {
-    pos = position{*location->locator->node_number, *location->locator->record_index,
-                   location->exact_match, location->after_last_record, true};
-  } else if (pos.exact_match) {
-    MORV_ERROR("ERROR:Unable to insert because already exists?!\n");
-    return MORV_ERR_EXISTS;
+  txn_begin(tree);
+  morv_btree_record_locator* locator = nullptr;
+  morv_err err = txn_end(tree, insert_body(tree, key, data, data_size, location, &locator));
+  if (err) {
+    morv_btree_record_locator_close_locked(&locator, 0);
+    return err;
   }
-  const size_t r = padded(size_t{load_be16(key)} + 2) + padded(data_size);
-  const uint16_t p = pos.after_last_record ? static_cast<uint16_t>(pos.index + 1) : pos.index;
-  err = check_insert_fits(tree, path, p, r, size_t{load_be16(key)} + 2);
-  if (err) return err;
-  return insert_at(tree, key, data, data_size, pos.node, pos.index, pos.after_last_record != 0,
-                   out_locator);
+  *out_locator = locator;
+  return MORV_OK;
 }
 
 morv_err morv_btree_insert_record(morv_btree* tree, const uint8_t* key, const void* data,
                                   uint16_t data_size, morv_btree_search_result* location,
                                   morv_btree_record_locator** out_locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
   morv_btree_record_locator* locator = nullptr;
   err = morv_btree_insert_record_internal(tree, key, data, data_size, location, &locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) {
-      morv_btree_record_locator_close(&locator);
-      err = unlock_err;
-    }
-  }
+  if (!err && (err = lock.finish(err))) morv_btree_record_locator_close(&locator);
   if (err) return err;
   *out_locator = locator;
-  return MORV_OK;
-}
-
-namespace {
-
-// The nodes a split rewrites, read before anything is claimed.
-struct split_state {
-  morv::buffer<uint8_t> header;
-  morv::buffer<uint8_t> split;
-  morv::buffer<uint8_t> claimed;
-  uint8_t forward[nd::kDescriptorSize];
-  bool header_changed = false;
-  bool forward_changed = false;
-};
-
-[[nodiscard]] morv_err load_split_node(morv_btree* tree, uint32_t node, split_state* s) {
-  if (!s->header.allocate(hr::kSize)) {
-    MORV_ERROR("Error while allocating memory for a BTHeaderRec buffer.\n");
-    return MORV_ERR_NO_MEMORY;
-  }
-  morv_err err = read_header(tree, s->header.get());
-  if (err) {
-    MORV_ERROR("Error while reading header record of B-tree.\n");
-    return err;
-  }
-  if (!s->split.allocate(tree->node_size)) {
-    MORV_ERROR("Error while allocating node-sized (%zu bytes) buffer to hold the split node data.\n",
-               size_t{tree->node_size});
-    return MORV_ERR_NO_MEMORY;
-  }
-  err = read_node(tree, node, s->split.get());
-  if (err) {
-    MORV_ERROR("Error while mapping node descriptor of split node.\n");
-    return err;
-  }
-  // A root split would need a new root; the tree never deepens. Refused
-  // before a node is claimed, so the refusal changes nothing on disk.
-  if (s->split[nd::kHeight] >= load_be16(s->header.get() + hr::kTreeDepth)) {
-    MORV_ERROR("Unable to split root node.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  return validate_node(s->split.get(), tree->node_size);
-}
-
-// Moves records m.. of the split node to the claimed node and links it in
-// behind the split node.
-[[nodiscard]] morv_err build_split(morv_btree* tree, uint32_t node, uint16_t m, uint32_t claimed,
-                                   split_state* s) {
-  const uint16_t ns = tree->node_size;
-  uint8_t* sb = s->split.get();
-  uint8_t* kb = s->claimed.get();
-  const uint16_t n = num_records(sb);
-  const uint32_t old_flink = load_be32(sb + nd::kFLink);
-  memset(kb, 0, ns);
-  store_be32(kb + nd::kFLink, old_flink);
-  store_be32(kb + nd::kBLink, node);
-  kb[nd::kKind] = sb[nd::kKind];
-  kb[nd::kHeight] = sb[nd::kHeight];
-  store_be16(kb + nd::kNumRecords, static_cast<uint16_t>(n - m));
-  store_be32(sb + nd::kFLink, claimed);
-  store_be16(sb + nd::kNumRecords, m);
-  if (old_flink == 0 && node_kind(sb) == nd::kKindLeaf) {
-    store_be32(s->header.get() + hr::kLastLeafNode, claimed);
-    s->header_changed = true;
-  } else if (old_flink != 0) {
-    morv_err err = morv_fork_read(tree->fork, node_offset(tree, old_flink), s->forward,
-                                  nd::kDescriptorSize, nullptr);
-    if (err) {
-      MORV_ERROR("Error while reading node descriptor of claimed node's forward linked node.\n");
-      return err;
-    }
-    store_be32(s->forward + nd::kBLink, claimed);
-    s->forward_changed = true;
-  }
-  const uint16_t off_m = offset_entry(sb, ns, m);
-  const size_t moved = size_t{offset_entry(sb, ns, n)} - off_m;
-  if (moved + nd::kOffsetEntrySize * (n + 1u) + nd::kDescriptorSize > ns) {
-    MORV_CRITICAL("Unexpected: Oversized split node data (expected maximum: %hu actual: %zu).\n", ns,
-                  moved + nd::kOffsetEntrySize * (n + 1u) + nd::kDescriptorSize);
-    return MORV_ERR_INTERNAL;
-  }
-  memcpy(kb + nd::kDescriptorSize, sb + off_m, moved);
-  memset(sb + off_m, 0, moved);
-  for (uint32_t k = 0; k <= uint32_t{n} - m; ++k) {
-    set_offset_entry(kb, ns, k,
-                     static_cast<uint16_t>(offset_entry(sb, ns, m + k) - off_m + nd::kDescriptorSize));
-  }
-  return MORV_OK;
-}
-
-[[nodiscard]] morv_err write_split(morv_btree* tree, uint32_t node, uint16_t m, uint32_t claimed,
-                                   split_state* s) {
-  morv_err err = write_node(tree, claimed, s->claimed.get());
-  if (err) {
-    MORV_ERROR("Error while writing back modified claimed node.\n");
-    return err;
-  }
-  move_locators_to_node(tree, node, m, claimed,
-                        node_offset(tree, node) + offset_entry(s->split.get(), tree->node_size, m),
-                        node_offset(tree, claimed) + nd::kDescriptorSize);
-  err = write_node(tree, node, s->split.get());
-  if (err) {
-    MORV_ERROR("Error while writing back modified split node.\n");
-    return err;
-  }
-  if (s->forward_changed) {
-    const uint32_t forward = load_be32(s->claimed.get() + nd::kFLink);
-    err = morv_fork_write(tree->fork, node_offset(tree, forward), s->forward, nd::kDescriptorSize,
-                          nullptr);
-    if (err) {
-      MORV_ERROR("Error while writing back modified node descriptor.\n");
-      return err;
-    }
-  }
-  if (s->header_changed) {
-    // Claiming the node changed freeNodes since the header was read.
-    const uint32_t last_leaf = load_be32(s->header.get() + hr::kLastLeafNode);
-    err = read_header(tree, s->header.get());
-    if (err) {
-      MORV_ERROR("Error while reading header record of B-tree.\n");
-      return err;
-    }
-    store_be32(s->header.get() + hr::kLastLeafNode, last_leaf);
-    err = write_header(tree, s->header.get());
-    if (err) {
-      MORV_ERROR("Error while writing out modified B-tree header record.\n");
-      return err;
-    }
-  }
-  return MORV_OK;
-}
-
-}  // namespace
-
-morv_err morv_btree_split_node(morv_btree* tree, uint32_t node_number, uint16_t split_index,
-                               uint32_t* out_claimed_node) {
-  split_state s;
-  morv_err err = load_split_node(tree, node_number, &s);
-  if (err) return err;
-  if (split_index == 0 || split_index >= num_records(s.split.get())) {
-    MORV_CRITICAL("Internal error: Invalid value for 'min_occupied_size_record' (%ld).\n",
-                  static_cast<long>(split_index));
-    return MORV_ERR_INTERNAL;
-  }
-  uint32_t claimed = 0;
-  err = morv_btree_claim_node(tree, &claimed);
-  if (err) {
-    MORV_ERROR("Error while claiming node.\n");
-    return err;
-  }
-  if (!s.claimed.allocate(tree->node_size)) {
-    MORV_ERROR("Error while allocating node-sized (%zu bytes) buffer to hold the claimed node data.\n",
-               size_t{tree->node_size});
-    return MORV_ERR_NO_MEMORY;
-  }
-  err = read_node(tree, claimed, s.claimed.get());
-  if (err) {
-    MORV_ERROR("Error while mapping raw node data of claimed node.\n");
-    return err;
-  }
-  err = build_split(tree, node_number, split_index, claimed, &s);
-  if (!err) err = write_split(tree, node_number, split_index, claimed, &s);
-  if (err) return err;
-  err = morv_btree_add_index_record(tree, s.claimed.get() + nd::kDescriptorSize,
-                                    static_cast<uint8_t>(s.split[nd::kHeight] + 1), claimed);
-  if (err) {
-    MORV_ERROR("Error while inserting new index record for claimed node.\n");
-    return err;
-  }
-  *out_claimed_node = claimed;
-  return MORV_OK;
-}
-
-morv_err morv_btree_add_index_record(morv_btree* tree, const uint8_t* key, uint8_t height,
-                                     uint32_t child_node) {
-  position pos{};
-  morv_err err = search_common(tree, key, 0, 0, height, &pos, nullptr);
-  if (err) {
-    MORV_ERROR("Error while searching for location to insert index record.\n");
-    return err;
-  }
-  if (pos.exact_match) {
-    MORV_ERROR("Index record that we wanted to add already exists.\n");
-    return MORV_ERR_EXISTS;
-  }
-  if (pos.node == 0) {
-    MORV_CRITICAL("Unexpected: morv_btree_search_node returned NULL locator with no error.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  uint8_t child[nd::kIndexDataSize];
-  store_be32(child, child_node);
-  morv_btree_record_locator* locator = nullptr;
-  err = insert_at(tree, key, child, sizeof child, pos.node, pos.index, pos.after_last_record != 0,
-                  &locator);
-  if (err) {
-    MORV_ERROR("Error while inserting index record.\n");
-    return err;
-  }
-  if (!locator) {
-    MORV_CRITICAL("Unexpected: morv_btree_insert_record returned NULL locator but no error.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  morv_btree_record_locator_close_locked(&locator, 0);
   return MORV_OK;
 }
 
@@ -1967,169 +2248,538 @@ morv_err morv_btree_add_index_record(morv_btree* tree, const uint8_t* key, uint8
 
 namespace {
 
-// The checks of the record at `i` before it is cut out of `buf`.
-[[nodiscard]] morv_err check_delete(const uint8_t* buf, uint16_t ns, uint16_t i, uint32_t node) {
-  const uint16_t n = num_records(buf);
-  if (i >= n || nd::kOffsetEntrySize * (n + 1u) > ns - nd::kDescriptorSize) {
-    MORV_ERROR("Invalid node data: Record %hu is not among the %hu records of node %lu.\n", i, n,
+[[nodiscard]] morv_err delete_body(morv_btree* tree, morv_btree_record_locator* locator) {
+  const morv_btree_record_locator_private* lp = locator->priv;
+  if (lp->deleted) {
+    MORV_CRITICAL("Attempted to delete the record of a deleted locator.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  const uint32_t node = lp->node_number;
+  const uint16_t index = lp->record_index;
+  // The record's level is its node's height.
+  uint8_t height = 0;
+  if (h.root() != 0 && (err = peek_height(tree, node, &height))) return err;
+  if (height == 0 || height > h.depth() || locator->key_size > kMaxKeySize) {
+    MORV_ERROR("Invalid node data: Record %hu of node %lu is not where its key leads.\n", index,
                morv_ul(node));
     return MORV_ERR_CORRUPT;
   }
-  const uint16_t off = offset_entry(buf, ns, i);
-  const uint16_t next = offset_entry(buf, ns, i + 1u);
-  const uint16_t f = offset_entry(buf, ns, n);
-  if (next < off) {
-    MORV_ERROR("$$$: This record offset is greater than the next. Impossible\n");
+  uint8_t key[kMaxKeySize];
+  memcpy(key, locator->key, locator->key_size);
+  tree_path path;
+  stop s{};
+  mapping m(tree->fork);
+  if ((err = descend(tree, h, key, h.root(), static_cast<uint8_t>(h.depth()), height, &path, &s,
+                     &m)))
+    return err;
+  if (!s.exact || path.node[path.last()] != node || path.index[path.last()] != index) {
+    MORV_ERROR("Invalid node data: Record %hu of node %lu is not where its key leads.\n", index,
+               morv_ul(node));
     return MORV_ERR_CORRUPT;
   }
-  if (f > ns || f < next) {
-    MORV_ERROR("$$$: Free space of %d is greater than node size. Impossible\n", static_cast<int>(f));
-    return MORV_ERR_CORRUPT;
-  }
-  if (static_cast<int>(ns) - static_cast<int>(off) < static_cast<int>(next - off)) {
-    MORV_ERROR("$$$: This record size is greater than the node size. Impossible\n");
-    return MORV_ERR_CORRUPT;
-  }
-  return validate_node(buf, ns);
+  if ((err = m.unmap())) return err;
+  edit e;
+  e.at = index;
+  e.remove = 1;
+  if ((err = edit_levels(tree, path, path.last(), e, nullptr))) return err;
+  return height == nd::kLeafHeight ? bump_leaf_records(tree, false) : MORV_OK;
 }
 
-// Cuts record i out of `buf`: the records behind move down, the offset
-// array loses its last entry. Returns the record's size.
-uint16_t cut_record(uint8_t* buf, uint16_t ns, uint16_t i) {
-  const uint16_t n = num_records(buf);
-  const uint16_t off = offset_entry(buf, ns, i);
-  const uint16_t next = offset_entry(buf, ns, i + 1u);
-  const uint16_t f = offset_entry(buf, ns, n);
-  const uint16_t size = static_cast<uint16_t>(next - off);
-  memmove(buf + off, buf + next, size_t{f} - next);
-  for (uint32_t j = i + 1u; j < n; ++j) {
-    set_offset_entry(buf, ns, j, static_cast<uint16_t>(offset_entry(buf, ns, j + 1) - size));
-  }
-  store_be16(buf + nd::kNumRecords, static_cast<uint16_t>(n - 1));
-  return size;
+// ---- what waits for the end of a transaction ----
+
+// The tree's last node went: the tree has no root any more.
+[[nodiscard]] morv_err empty_tree(morv_btree* tree, uint32_t root) {
+  morv_err err = free_node(tree, root);
+  tree_header h;
+  if (err || (err = read_tree_header(tree, &h))) return err;
+  h.set_depth(0);
+  h.set(hr::kRootNode, 0);
+  h.set(hr::kFirstLeafNode, 0);
+  h.set(hr::kLastLeafNode, 0);
+  return write_tree_header(tree, h);
 }
 
-// The node's first record is gone: the parent's index record, which carries
-// `old_key`, is replaced by one carrying the key now at offset 14 (for a
-// node left empty, still the deleted record's key).
-[[nodiscard]] morv_err reindex_after_delete(morv_btree* tree, uint32_t node, const uint8_t* buf,
-                                            const uint8_t* old_key) {
-  const uint8_t height = buf[nd::kHeight];
-  if (height == kMaxHeight) {
-    MORV_ERROR("B-tree depth too large.\n");
-    return MORV_ERR_CORRUPT;
+// Unlinks the emptied node `x` at `level` of `path` from its neighbours,
+// frees it and takes its index record out of its parent.
+[[nodiscard]] morv_err remove_node(morv_btree* tree, const tree_path& path, size_t level,
+                                   const node_copy& x) {
+  const uint32_t flink = load_be32(x.get() + nd::kFLink);
+  const uint32_t blink = load_be32(x.get() + nd::kBLink);
+  uint8_t descriptor[nd::kDescriptorSize];
+  uint8_t link[4];
+  morv_err err = MORV_OK;
+  if (blink) {
+    store_be32(link, flink);
+    if ((err = read_sibling(tree, blink, x.get(), x.number, nd::kFLink, descriptor)) ||
+        (err = tree_write(tree, node_offset(tree, blink) + nd::kFLink, link, sizeof link)))
+      return err;
   }
-  morv_btree_search_result found{};
-  morv_err err = morv_btree_search_node_internal(tree, old_key, 0, 0,
-                                                 static_cast<uint8_t>(height + 1), &found);
-  if (err) {
+  if (flink) {
+    store_be32(link, blink);
+    if ((err = read_sibling(tree, flink, x.get(), x.number, nd::kBLink, descriptor)) ||
+        (err = tree_write(tree, node_offset(tree, flink) + nd::kBLink, link, sizeof link)))
+      return err;
+  }
+  if (node_kind(x.get()) == nd::kKindLeaf) {
+    tree_header h;
+    if ((err = read_tree_header(tree, &h))) return err;
+    if (h.first_leaf() == x.number) h.set(hr::kFirstLeafNode, flink);
+    if (h.last_leaf() == x.number) h.set(hr::kLastLeafNode, blink);
+    if ((err = write_tree_header(tree, h))) return err;
+  }
+  if ((err = free_node(tree, x.number))) return err;
+  edit e;
+  e.at = path.index[level - 1];
+  e.remove = 1;
+  return edit_levels(tree, path, level - 1, e, nullptr);
+}
+
+// Brings the index record of one waiting node in step: its child's first key,
+// or, for an emptied node, no record and no node.
+[[nodiscard]] morv_err settle_one(morv_btree* tree, const pending_node& entry) {
+  const uint16_t ns = tree->node_size;
+  tree_header h;
+  morv_err err = read_tree_header(tree, &h);
+  if (err) return err;
+  if (entry.number == h.root()) {
+    node_copy root;
+    if ((err = read_node(tree, h, entry.number, static_cast<uint8_t>(h.depth()), &root))) return err;
+    return num_records(root.get()) ? MORV_OK : empty_tree(tree, entry.number);
+  }
+  if (entry.key_size == 0 || entry.height >= h.depth()) {
+    MORV_CRITICAL("Internal error: Node %lu waits for an index record it does not have.\n",
+                  morv_ul(entry.number));
+    return MORV_ERR_INTERNAL;
+  }
+  tree_path path;
+  stop s{};
+  mapping m(tree->fork);
+  if ((err = descend(tree, h, entry.key, h.root(), static_cast<uint8_t>(h.depth()),
+                     static_cast<uint8_t>(entry.height + 1), &path, &s, &m))) {
     MORV_ERROR("Error while searching for index record of deleted record's node.\n");
     return err;
   }
-  if (!found.locator) {
-    MORV_CRITICAL("Unexpected: morv_btree_search_node returned NULL locator with no error.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  if (!found.exact_match) {
+  const size_t parent_level = path.last();
+  const uint16_t i = path.index[parent_level];
+  if (!s.exact || child_at(m.get(), ns, i) != entry.number) {
     MORV_ERROR("Index record of deleted record's node not found.\n");
-    morv_btree_record_locator_close_locked(&found.locator, 0);
     return MORV_ERR_CORRUPT;
   }
-  err = morv_btree_delete_record_internal(tree, found.locator);
-  morv_btree_record_locator_close_locked(&found.locator, 0);
-  if (err) {
-    MORV_ERROR("Error while deleting index record from B-tree.\n");
-    return err;
-  }
-  err = morv_btree_add_index_record(tree, buf + nd::kFirstRecordOffset,
-                                    static_cast<uint8_t>(height + 1), node);
-  if (err) MORV_ERROR("Error while inserting index record.\n");
-  return err;
+  if ((err = m.unmap())) return err;
+  path.node[parent_level + 1] = entry.number;
+  path.index[parent_level + 1] = 0;
+  path.levels = parent_level + 2;
+  node_copy x;
+  if ((err = read_node(tree, h, entry.number, entry.height, &x))) return err;
+  if (num_records(x.get()) == 0) return remove_node(tree, path, parent_level + 1, x);
+  const uint8_t* first = record_at(x.get(), ns, 0);
+  if (same_key(first, entry.key)) return MORV_OK;
+  uint8_t index_record[kMaxIndexRecordSize];
+  make_index_record(first, x.number, index_record);
+  edit e;
+  e.at = i;
+  e.remove = 1;
+  e.count = 1;
+  e.records[0] = index_record;
+  e.sizes[0] = index_record_size(first);
+  return edit_levels(tree, path, parent_level, e, nullptr);
 }
 
-// The deletion proper, with the header record mapped as `header`.
-[[nodiscard]] morv_err delete_with_header(morv_btree* tree, morv_btree_record_locator* locator,
-                                          const uint8_t* header) {
-  const uint16_t ns = tree->node_size;
-  const uint32_t node = *locator->node_number;
-  const uint16_t i = *locator->record_index;
-  morv::buffer<uint8_t> buf;
-  if (!buf.allocate(ns)) {
-    MORV_ERROR("Error while allocating temporary copy of node data.\n");
-    return MORV_ERR_NO_MEMORY;
+// Settles the waiting nodes from the lowest level up: settling one may make
+// its parent wait, never a node at its own level or below.
+[[nodiscard]] morv_err settle_pending(morv_btree* tree) {
+  transaction& t = tree->priv->txn;
+  while (t.pending_count) {
+    size_t low = 0;
+    for (size_t i = 1; i < t.pending_count; ++i)
+      if (t.pending[i].height < t.pending[low].height) low = i;
+    const pending_node entry = t.pending[low];
+    t.pending[low] = t.pending[--t.pending_count];
+    morv_err err = settle_one(tree, entry);
+    if (err) return err;
   }
-  morv::buffer<uint8_t> old_key;
-  if (i == 0) {
-    if (!old_key.allocate(locator->key_size)) return MORV_ERR_NO_MEMORY;
-    memcpy(old_key.get(), locator->key, locator->key_size);
-  }
-  morv_err err = read_node(tree, node, buf.get());
-  if (err) {
-    MORV_ERROR("Error while mapping raw node data.\n");
-    return err;
-  }
-  err = check_delete(buf.get(), ns, i, node);
-  if (err) return err;
-  const bool moved = offset_entry(buf.get(), ns, i + 1u) !=
-                     offset_entry(buf.get(), ns, num_records(buf.get()));
-  const uint16_t size = cut_record(buf.get(), ns, i);
-  err = write_node(tree, node, buf.get());
-  if (err) {
-    MORV_ERROR("Error while writing out modified node %lu.\n", morv_ul(node));
-    return err;
-  }
-  mark_deleted(locator);
-  if (moved) {
-    morv_btree_relocate_open_locators(tree, node, static_cast<uint16_t>(i + 1),
-                                      num_records(buf.get()) - i, node, 1, 1, size);
-  }
-  if (node_kind(buf.get()) == nd::kKindLeaf) {
-    uint8_t copy[hr::kSize];
-    memcpy(copy, header, hr::kSize);
-    store_be32(copy + hr::kLeafRecords, load_be32(copy + hr::kLeafRecords) - 1);
-    err = write_header(tree, copy);
-    if (err) {
-      MORV_ERROR("Error while writing out decremented 'leafRecords' in B-tree header record.\n");
-      return err;
-    }
-  }
-  if (i == 0 && buf[nd::kHeight] < load_be16(header + hr::kTreeDepth)) {
-    err = reindex_after_delete(tree, node, buf.get(), old_key.get());
-  }
-  return err;
+  return MORV_OK;
 }
 
 }  // namespace
 
 morv_err morv_btree_delete_record_internal(morv_btree* tree, morv_btree_record_locator* locator) {
-  mapping header(tree->fork);
-  morv_err err = header.map(hr::kForkOffset, hr::kSize);
-  if (err) {
-    MORV_ERROR("Error while mapping B-tree header record.\n");
-    return err;
-  }
-  err = delete_with_header(tree, locator, header.get());
-  morv_err unmap_err = header.unmap();
-  if (unmap_err) {
-    MORV_ERROR("Error while unmapping B-tree header record.\n");
-    if (!err) err = unmap_err;
-  }
-  return err;
+  txn_begin(tree);
+  return txn_end(tree, delete_body(tree, locator));
 }
 
 morv_err morv_btree_delete_record(morv_btree* tree, morv_btree_record_locator* locator) {
-  morv_rwlock* lock = tree->priv->open_locators_lock;
-  morv_err err = morv_rwlock_lock_write(lock);
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
   if (err) {
     MORV_ERROR("Error while acquiring write lock for open locators list.\n");
     return err;
   }
-  err = morv_btree_delete_record_internal(tree, locator);
-  morv_err unlock_err = morv_rwlock_unlock(lock);
-  if (unlock_err) {
-    MORV_CRITICAL("Error while releasing write lock for open locators list. Will probably crash "
-                  "now...\n");
-    if (!err) err = unlock_err;
+  return lock.finish(morv_btree_delete_record_internal(tree, locator));
+}
+
+// ============================================================ transactions (clients)
+
+morv_err morv_btree_transaction_begin(morv_btree* tree) {
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
+  if (err) {
+    MORV_ERROR("Error while acquiring write lock for open locators list.\n");
+    return err;
   }
+  txn_begin(tree);
+  return lock.finish(MORV_OK);
+}
+
+morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result) {
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
+  if (err) {
+    MORV_ERROR("Error while acquiring write lock for open locators list.\n");
+    return result ? result : err;
+  }
+  return lock.finish(txn_end(tree, result));
+}
+
+morv_err morv_btree_transaction_prepare(morv_btree* tree) {
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  morv_err err = lock.lock_write();
+  if (err) {
+    MORV_ERROR("Error while acquiring write lock for open locators list.\n");
+    return err;
+  }
+  transaction& t = tree->priv->txn;
+  morv_err result = t.failure;
+  if (!result && t.depth) result = settle_pending(tree);
+  if (result && t.depth && !t.failure) t.failure = result;
+  return lock.finish(result);
+}
+
+// ============================================================ tree growth
+//
+// morv_btree_expand grows a tree's file by one clump of its fork (clumpSize
+// of the fork data) and turns the new nodes into free nodes of the tree:
+// totalNodes and freeNodes rise and the node bitmap covers them. When the
+// header node's map record and the map nodes chained behind it hold too few
+// bits, the first new node becomes a map node (kind 2, one record of
+// nodeSize - 20 bitmap bytes), marked in use and linked from the last map
+// node's fLink. Each change to an existing node is journaled first; on a
+// failure the journal is written back, newest first, and the fork's growth
+// is taken back, so the tree, the bitmap and the volume header are as they
+// were. The new nodes' contents are left as they are: a claim initialises
+// the node it takes.
+
+namespace {
+namespace growth {
+
+constexpr size_t kMapNodeNonMapBytes = 20;  // descriptor, two offsets, two spare bytes
+
+// One part of the node bitmap: `length` bytes at `first` in node `node`,
+// holding the bits from byte `earlier` of the whole bitmap on.
+struct part {
+  uint32_t node;
+  uint16_t first;
+  uint64_t length;
+  uint64_t earlier;
+};
+
+// What the chain of map parts looks like, and the bytes the growth will change.
+struct chain {
+  uint8_t header_record[hr::kSize];
+  uint32_t total_nodes;
+  uint32_t last_node;       // the node whose fLink ends the chain (0: the header node)
+  uint64_t capacity;        // nodes the bitmap has bits for
+  bool own_bit_found;       // node totalNodes' bit lies in an existing part ...
+  uint64_t own_bit_offset;  // ... at this fork offset,
+  uint8_t own_bit_byte;     // ... in this byte.
+};
+
+// Checks one part: it lies inside its node and marks no node past totalNodes.
+[[nodiscard]] morv_err check_part(const uint8_t* node, uint16_t node_size, const part& p,
+                                  uint64_t node_offset, chain* c) {
+  if (p.first < nd::kFirstRecordOffset || p.first + p.length > node_size) {
+    MORV_ERROR("Invalid node data: First record offset is out of range (%hu).", p.first);
+    return MORV_ERR_CORRUPT;
+  }
+  const uint64_t from = c->total_nodes > p.earlier * 8 ? c->total_nodes - p.earlier * 8 : 0;
+  for (uint64_t i = from; i < p.length * 8; ++i) {
+    const uint64_t n = p.earlier * 8 + i;
+    const uint8_t byte = node[p.first + i / 8];
+    if (n == c->total_nodes) {
+      c->own_bit_found = true;
+      c->own_bit_offset = node_offset + p.first + i / 8;
+      c->own_bit_byte = byte;
+    }
+    if (n >= c->total_nodes && (byte & (0x80u >> (i % 8)))) {
+      MORV_ERROR("Invalid node data: the node bitmap marks node %llu, past the last node (%lu).\n",
+                 morv_ull(n), morv_ul(c->total_nodes));
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  c->capacity = (p.earlier + p.length) * 8;
+  return MORV_OK;
+}
+
+// Reads a map node of the chain into `node` and checks its shape.
+[[nodiscard]] morv_err read_map_node(morv_btree* tree, uint32_t number, uint8_t* node,
+                                     uint16_t* first, uint16_t* free_space) {
+  const uint16_t ns = tree->node_size;
+  if (morv_err err = morv_fork_read(tree->fork, uint64_t{number} * ns, node, ns, nullptr)) {
+    MORV_ERROR("Error while mapping last map node's descriptor.\n");
+    return err;
+  }
+  if (static_cast<int8_t>(node[nd::kKind]) != nd::kKindMap || load_be16(node + nd::kNumRecords) != 1) {
+    MORV_ERROR("Invalid node data: Expected map node, got node kind %hhd.\n",
+               static_cast<int8_t>(node[nd::kKind]));
+    return MORV_ERR_CORRUPT;
+  }
+  *first = offset_entry(node, ns, 0);
+  *free_space = offset_entry(node, ns, 1);
+  if (*free_space < *first || *free_space > ns - 2 * nd::kOffsetEntrySize) {
+    MORV_ERROR("Invalid node data: Free space offset is out of range (%hu).", *free_space);
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+// Walks the header node and the map nodes behind it, bounded by totalNodes.
+[[nodiscard]] morv_err walk_chain(morv_btree* tree, uint8_t* node, chain* c) {
+  const uint16_t ns = tree->node_size;
+  if (morv_err err = morv_fork_read(tree->fork, 0, node, ns, nullptr)) {
+    MORV_ERROR("Error while mapping B-tree header record.\n");
+    return err;
+  }
+  memcpy(c->header_record, node + hr::kForkOffset, hr::kSize);
+  c->total_nodes = load_be32(c->header_record + hr::kTotalNodes);
+  if (static_cast<int8_t>(node[nd::kKind]) != nd::kKindHeader || load_be16(node + nd::kNumRecords) != nd::kHeaderNodeRecords) {
+    MORV_ERROR("HFSPlus:%s: Node kind %d, %d records - should be kind 1, 3 records - but it isn't!\n",
+               __func__, static_cast<int8_t>(node[nd::kKind]), load_be16(node + nd::kNumRecords));
+    return MORV_ERR_CORRUPT;
+  }
+  part p{0, offset_entry(node, ns, nd::kMapRecordIndex), uint64_t{ns} - nd::kHeaderNodeNonMapBytes, 0};
+  if (morv_err err = check_part(node, ns, p, 0, c)) return err;
+  c->last_node = 0;
+  for (uint32_t link = load_be32(node + nd::kFLink), steps = 0; link != 0; ++steps) {
+    if (link >= c->total_nodes || steps >= c->total_nodes) {
+      MORV_ERROR("Invalid node data: Value of 'fLink' (%lu) in node %lu exceeds the total number "
+                 "of nodes (%lu).\n",
+                 morv_ul(link), morv_ul(c->last_node), morv_ul(c->total_nodes));
+      return MORV_ERR_CORRUPT;
+    }
+    uint16_t first = 0, free_space = 0;
+    if (morv_err err = read_map_node(tree, link, node, &first, &free_space)) return err;
+    p = part{link, first, uint64_t{free_space} - first, p.earlier + p.length};
+    if (morv_err err = check_part(node, ns, p, uint64_t{link} * ns, c)) return err;
+    c->last_node = link;
+    link = load_be32(node + nd::kFLink);
+  }
+  return MORV_OK;
+}
+
+// How the tree grows: nodes added, and whether a map node is needed.
+struct plan {
+  uint32_t blocks;
+  uint32_t new_nodes;
+  bool map_node;
+};
+
+[[nodiscard]] morv_err plan_growth(const morv_btree* tree, const chain& c, plan* out) {
+  const uint16_t ns = tree->node_size;
+  const morv_fork_private* fp = tree->fork->priv;
+  const uint32_t blocks = load_be32(fp->fork_data + forkdata::kClumpSize) / tree->fork->block_size;
+  const uint64_t bytes = uint64_t{blocks} * tree->fork->block_size;
+  if (bytes == 0 || bytes % ns != 0) {
+    MORV_ERROR("Cannot expand B-tree: a clump of %llu bytes is not a whole number of %hu-byte "
+               "nodes.\n",
+               morv_ull(bytes), ns);
+    return MORV_ERR_UNSUPPORTED;
+  }
+  if (fp->logical_size != uint64_t{c.total_nodes} * ns || c.capacity < c.total_nodes) {
+    MORV_ERROR("Invalid node data: %lu nodes do not match the tree file (%llu bytes) or its node "
+               "bitmap (%llu bits).\n",
+               morv_ul(c.total_nodes), morv_ull(fp->logical_size), morv_ull(c.capacity));
+    return MORV_ERR_CORRUPT;
+  }
+  const uint64_t new_total = c.total_nodes + bytes / ns;
+  const bool map_node = c.capacity < new_total;
+  const uint64_t map_bits = (uint64_t{ns} - kMapNodeNonMapBytes) * 8;
+  if (new_total > UINT32_MAX || (map_node && c.capacity + map_bits < new_total)) {
+    MORV_ERROR("Cannot expand B-tree to %llu nodes in one step.\n", morv_ull(new_total));
+    return MORV_ERR_UNSUPPORTED;
+  }
+  *out = plan{blocks, static_cast<uint32_t>(bytes / ns), map_node};
+  return MORV_OK;
+}
+
+// Old bytes of the existing nodes that the growth changes, put back newest
+// first.
+struct journal {
+  struct entry {
+    uint64_t offset;
+    size_t length;
+    uint8_t old[hr::kSize];
+    const char* message;
+  };
+  entry entries[3];
+  size_t count = 0;
+
+  void add(uint64_t offset, const uint8_t* old, size_t length, const char* message) {
+    entry& e = entries[count++];
+    e.offset = offset;
+    e.length = length;
+    memcpy(e.old, old, length);
+    e.message = message;
+  }
+};
+
+void roll_back(morv_btree* tree, const journal& j) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+  for (size_t i = j.count; i-- > 0;) {
+    const journal::entry& e = j.entries[i];
+    if (morv_fork_write(tree->fork, e.offset, e.old, e.length, nullptr) != MORV_OK)
+      MORV_ERROR(e.message);
+  }
+#pragma GCC diagnostic pop
+}
+
+// Puts the nodes back, then the fork; the cause stays the result.
+[[nodiscard]] morv_err undo(morv_btree* tree, morv_volume* volume, const journal& j,
+                            const morv_fork_growth& fork_growth, morv_err err) {
+  if (err == MORV_OK) {
+    MORV_ERROR("Rollback requested with no error value. Setting dummy error.\n");
+    err = MORV_ERR_GENERIC;
+  }
+  roll_back(tree, j);
+  if (morv_fork_undo_growth(tree->fork, volume, &fork_growth) != MORV_OK)
+    MORV_ERROR("Error while rolling back fork expansion.\n");
   return err;
+}
+
+// Writes a journaled change.
+[[nodiscard]] morv_err change(morv_btree* tree, journal* j, uint64_t offset, const uint8_t* old,
+                              const uint8_t* bytes, size_t length, const char* rollback_message) {
+  j->add(offset, old, length, rollback_message);
+  return morv_fork_write(tree->fork, offset, bytes, length, nullptr);
+}
+
+constexpr const char* kMapRollback = "Error while rolling back modifications to last map node.\n";
+
+// Builds the new map node (node c.total_nodes) in `node`, which is node-sized.
+[[nodiscard]] morv_err write_map_node(morv_btree* tree, const chain& c, uint8_t* node) {
+  const uint16_t ns = tree->node_size;
+  const uint64_t at = uint64_t{c.total_nodes} * ns;
+  memset(node, 0, ns);
+  node[nd::kKind] = static_cast<uint8_t>(nd::kKindMap);
+  store_be16(node + nd::kNumRecords, 1);
+  if (!c.own_bit_found) {  // its own bit is the first it holds, or later in it
+    const uint64_t bit = c.total_nodes - c.capacity;
+    node[nd::kFirstRecordOffset + bit / 8] |= static_cast<uint8_t>(0x80u >> (bit % 8));
+  }
+  // A map node has no siblings and no height: bLink and height stay 0.
+  if (morv_err err = morv_fork_write(tree->fork, at, node, ns, nullptr)) {
+    MORV_ERROR("Error while writing out node descriptor of claimed node.\n");
+    return err;
+  }
+  uint8_t entry[nd::kOffsetEntrySize];
+  store_be16(entry, static_cast<uint16_t>(nd::kFirstRecordOffset + ns - kMapNodeNonMapBytes));
+  if (morv_err err = morv_fork_write(tree->fork, at + ns - 2 * nd::kOffsetEntrySize, entry, 2, nullptr)) {
+    MORV_ERROR("Error while writing out modified free space pointer.\n");
+    return err;
+  }
+  store_be16(entry, nd::kFirstRecordOffset);
+  if (morv_err err = morv_fork_write(tree->fork, at + ns - nd::kOffsetEntrySize, entry, 2, nullptr)) {
+    MORV_ERROR("Error while writing out modified last record pointer.\n");
+    return err;
+  }
+  return MORV_OK;
+}
+
+// Chains a new map node behind the last one and marks it in use.
+[[nodiscard]] morv_err add_map_node(morv_btree* tree, const chain& c, uint8_t* node, journal* j) {
+  if (c.own_bit_found) {
+    const uint8_t bit = static_cast<uint8_t>(0x80u >> (c.total_nodes % 8));
+    const uint8_t byte = c.own_bit_byte | bit;
+    if (morv_err err = change(tree, j, c.own_bit_offset, &c.own_bit_byte, &byte, 1, kMapRollback)) {
+      MORV_ERROR("Error while writing out modified last map node.\n");
+      return err;
+    }
+  }
+  const uint8_t old_link[4] = {0, 0, 0, 0};  // the last node's fLink is 0
+  uint8_t link[4];
+  store_be32(link, c.total_nodes);
+  if (morv_err err = change(tree, j, uint64_t{c.last_node} * tree->node_size + nd::kFLink, old_link,
+                            link, sizeof link, kMapRollback)) {
+    MORV_ERROR("Error while writing out modified last map node.\n");
+    return err;
+  }
+  return write_map_node(tree, c, node);
+}
+
+// Everything after the fork has grown; the journal records what to undo.
+// The header record goes first and the new node last, so that a failure
+// in the new part of the file (its first cache item) finds the old nodes
+// changed and puts them back.
+[[nodiscard]] morv_err grow_nodes(morv_btree* tree, const chain& c, const plan& p, uint8_t* node,
+                                  journal* j) {
+  uint8_t header[hr::kSize];
+  memcpy(header, c.header_record, sizeof header);
+  store_be32(header + hr::kTotalNodes, c.total_nodes + p.new_nodes);
+  store_be32(header + hr::kFreeNodes, load_be32(header + hr::kFreeNodes) + p.new_nodes - (p.map_node ? 1 : 0));
+  if (morv_err err = change(tree, j, hr::kForkOffset, c.header_record, header, sizeof header,
+                            "Error while reverting B-tree header record modifications.\n")) {
+    MORV_ERROR("Error while writing back modified tree header record.\n");
+    return err;
+  }
+  return p.map_node ? add_map_node(tree, c, node, j) : MORV_OK;
+}
+
+[[nodiscard]] morv_err expand_locked(morv_btree* tree, morv_volume* volume) {
+  // A transaction puts back only nodes: it cannot take a growth of the file
+  // back, so a tree grows between changes, never inside one.
+  if (tree->priv->txn.depth) {
+    MORV_ERROR("Cannot expand a B-tree inside a transaction.\n");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  morv::buffer<uint8_t> node(static_cast<uint8_t*>(morv_malloc(tree->node_size)));
+  if (!node) {
+    MORV_ERROR("Error while allocating new map node.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  chain c{};
+  if (morv_err err = walk_chain(tree, node.get(), &c)) return err;
+  plan p{};
+  if (morv_err err = plan_growth(tree, c, &p)) return err;
+  morv_fork_growth fork_growth{};
+  uint32_t added = 0;
+  morv_err err = morv_fork_expand_recorded(tree->fork, volume, &added, &fork_growth);
+  if (err) {
+    MORV_ERROR("Error while expanding fork.\n");
+    return err;
+  }
+  journal j;
+  if (added != p.blocks) {
+    MORV_CRITICAL("Internal error: the fork grew by %lu blocks instead of %lu.\n", morv_ul(added),
+                  morv_ul(p.blocks));
+    err = MORV_ERR_INTERNAL;
+  } else {
+    err = grow_nodes(tree, c, p, node.get(), &j);
+  }
+  if (err == MORV_OK) return MORV_OK;
+  return undo(tree, volume, j, fork_growth, err);
+}
+
+}  // namespace growth
+}  // namespace
+
+morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume) {
+  MORV_RWLOCK_GUARD(lock, tree->priv->open_locators_lock, kReleaseFailed);
+  if (morv_err err = lock.lock_write()) {
+    MORV_ERROR("Error while acquiring write lock for open locators list.\n");
+    return err;
+  }
+  return lock.finish(growth::expand_locked(tree, volume));
 }

@@ -136,10 +136,6 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
 [[nodiscard]] morv_err morv_btree_node_make_record(const uint8_t* key, uint16_t key_length,
                                                    const void* data, uint16_t data_size,
                                                    uint8_t* destination, uint16_t record_size);
-[[nodiscard]] morv_err morv_btree_split_node(morv_btree* tree, uint32_t node_number,
-                                             uint16_t split_index, uint32_t* out_claimed_node);
-[[nodiscard]] morv_err morv_btree_add_index_record(morv_btree* tree, const uint8_t* key,
-                                                   uint8_t height, uint32_t child_node);
 
 // ---- Deletion ----
 
@@ -148,3 +144,34 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
                                                 morv_btree_record_locator* locator);
 [[nodiscard]] morv_err morv_btree_delete_record_internal(morv_btree* tree,
                                                          morv_btree_record_locator* locator);
+
+// ---- Transactions ----
+
+// Every insertion, deletion, node claim and locator data write is all or
+// nothing: it either completes or leaves every byte of the tree's fork cache
+// and every open locator as they were. A client groups several of them into
+// one change the same way: begin, the operations, then end with the result.
+// Operations nest; the outermost end completes the change when `result` and
+// every operation inside succeeded, and otherwise puts the tree back as it
+// stood at the outermost begin (locators opened in between are then marked
+// deleted). An operation that fails inside a transaction dooms it: the
+// client stops and ends it with the failure. End returns the change's result.
+[[nodiscard]] morv_err morv_btree_transaction_begin(morv_btree* tree);
+[[nodiscard]] morv_err morv_btree_transaction_end(morv_btree* tree, morv_err result);
+// Settles now what the outermost end would settle (index records of nodes
+// whose first key changed, emptied nodes), so that ending the transaction
+// with success can no longer fail. A client that changes several trees
+// prepares each before it ends any, and so keeps all of them or none. A
+// failure dooms the transaction; a doomed one returns its failure.
+[[nodiscard]] morv_err morv_btree_transaction_prepare(morv_btree* tree);
+
+// ---- Growth ----
+
+struct morv_volume;
+
+// Grows the tree's file by one clump (morv_fork_expand: blocks from the
+// volume's allocation bitmap) and makes the new nodes free nodes of the
+// tree, chaining a map node when the node bitmap needs room. For a client
+// whose claim failed with MORV_ERR_UNSUPPORTED; the tree must hold no
+// unflushed writes. All or nothing.
+[[nodiscard]] morv_err morv_btree_expand(morv_btree* tree, morv_volume* volume);

@@ -8,6 +8,11 @@
 // thread and 4 file thread (10 + 2 x name length bytes: type, reserved,
 // parentID, nodeName). A thread record's key is (the item's CNID, empty name),
 // so a thread leads from a CNID to the item's folder or file record.
+//
+// File records that stand for links carry Finder codes: "slnk" "rhap" a
+// symbolic link (its target in the data fork, UTF-8), "hlnk" "hfs+" a hard
+// link to the indirect node file "iNode<number>" of the root's private
+// folder "\0\0\0\0HFS+ Private Data", number in permissions.special.
 #pragma once
 
 #include <cstddef>
@@ -39,18 +44,37 @@ inline constexpr uint16_t kFileThreadRecord = 4;
 inline constexpr size_t kFolderRecordSize = 88;
 inline constexpr size_t kFileRecordSize = 248;
 inline constexpr size_t kRecordType = 0;
+inline constexpr size_t kRecordTypeSize = 2;
 inline constexpr size_t kRecordFlags = 2;
 inline constexpr size_t kFolderValence = 4;
 inline constexpr size_t kRecordCnid = 8;  // folderID / fileID
 inline constexpr size_t kFolderFolderCount = 84;
 inline constexpr size_t kFileUserInfoType = 48;
 inline constexpr size_t kFileUserInfoCreator = 52;
+// File record fields: permissions.fileMode and permissions.special (a hard
+// link's iNodeNum, an indirect node file's link count), userInfo.fdFlags,
+// and the HFSPlusForkData of the data and resource forks.
+inline constexpr size_t kFileMode = 42;
+inline constexpr size_t kFileSpecial = 44;
+inline constexpr size_t kFileFinderFlags = 56;
+inline constexpr size_t kFileDataFork = 88;
+inline constexpr size_t kFileResourceFork = 168;
 inline constexpr size_t kThreadParentId = 4;
 inline constexpr size_t kThreadName = 8;
 inline constexpr size_t kThreadFixedSize = 10;
 
 inline constexpr uint16_t kHasFolderCountFlag = 0x10;
 inline constexpr uint16_t kDirectoryHardLinkFlag = 0x20;
+
+// Finder type and creator codes of the file records that stand for links.
+inline constexpr char kHardLinkType[] = "hlnk";
+inline constexpr char kHardLinkCreator[] = "hfs+";
+inline constexpr char kSymlinkType[] = "slnk";
+inline constexpr char kSymlinkCreator[] = "rhap";
+inline constexpr uint16_t kSymlinkFinderFlags = 0x8000;
+inline constexpr uint16_t kSymlinkMode = 0xA1FF;  // S_IFLNK, every permission bit
+// Longest symbolic link target, in UTF-8 bytes.
+inline constexpr size_t kMaxSymlinkTarget = 255;
 
 inline constexpr uint8_t kCompareCaseFolding = 0xCF;
 inline constexpr uint8_t kCompareBinary = 0xBC;
@@ -87,6 +111,12 @@ void morv_catalog_search_result_release(morv_catalog_search_result* result);
 // Orders two on-disk catalog keys: parent ID, then name (case-folding for
 // compare type 0xCF, binary for 0xBC). Negative when key_a sorts first.
 int morv_catalog_compare_keys(const uint8_t* key_a, const uint8_t* key_b, uint32_t compare_type);
+
+// The name length of a key held in `key_size` bytes (keyLength field
+// included). MORV_ERR_CORRUPT when the key cannot hold a parent ID and a name
+// length, or its name runs past keyLength.
+[[nodiscard]] morv_err morv_catalog_key_name_length(const uint8_t* key, size_t key_size,
+                                                    uint16_t* name_length);
 
 [[nodiscard]] morv_err morv_catalog_create(morv_device* device, morv_extents* extents,
                                            uint8_t* volume_header, morv_catalog** out);
@@ -146,3 +176,52 @@ using morv_catalog_component_source = morv_err (*)(void* context, uint16_t* dest
 [[nodiscard]] morv_err morv_catalog_decrement_valence(morv_catalog* catalog,
                                                       const uint8_t* child_record,
                                                       morv_catalog_record_locator* parent_locator);
+
+// ---- Deletion and file records ----
+
+struct morv_volume;
+
+// A catalog record's bytes as the caller holds them (a copy of a locator's
+// data, typically), and how many there are.
+struct morv_catalog_record {
+  uint8_t* data;
+  size_t size;
+};
+
+// Deletes the folder or file record under `locator` with its thread record,
+// lowers its parent's valence and the volume header's counts, and frees
+// every block a file owns (both forks, their extents overflow records
+// included). The last hard link to a file takes the indirect node file with
+// it; others lower its link count. A folder must be empty, and the root
+// cannot go. All or nothing: the catalog, the extents overflow tree, the
+// bitmap and the header change together or not at all. The locator stays
+// the caller's (it names nothing any more).
+[[nodiscard]] morv_err morv_catalog_delete(morv_catalog* catalog, morv_volume* volume,
+                                           morv_catalog_record_locator* locator);
+// *empty_out = 1 when the folder under `locator` has no children, else 0.
+[[nodiscard]] morv_err morv_catalog_is_directory_empty(morv_catalog* catalog,
+                                                       morv_catalog_record_locator* locator,
+                                                       int* empty_out);
+// *can_out = 0 for a folder with children, else 1.
+[[nodiscard]] morv_err morv_catalog_can_delete_file(morv_catalog* catalog,
+                                                    morv_catalog_record_locator* locator,
+                                                    int* can_out);
+// The data fork's logicalSize, or the resource fork's when that is 0; a hard
+// link is followed first. 0 when the size cannot be had.
+uint64_t morv_catalog_record_get_file_size(const morv_catalog_record* record,
+                                           morv_catalog* catalog);
+// Stores `size` as the data fork's logicalSize in the record's bytes.
+void morv_catalog_record_set_file_size(morv_catalog_record* record, uint64_t size);
+// Makes the file record under `locator`, whose data fork must be empty, a
+// symbolic link to `target` (host-order UTF-16), held in one new block.
+[[nodiscard]] morv_err morv_catalog_mksymlink(morv_catalog_record_locator* locator,
+                                              const uint16_t* target, size_t target_length,
+                                              morv_volume* volume);
+// Finds the indirect node file that a hard link's record stands for.
+[[nodiscard]] morv_err morv_catalog_follow_hard_link(morv_catalog* catalog,
+                                                     const morv_catalog_record* record,
+                                                     morv_catalog_search_result* result);
+// Converts host-order UTF-16 to NUL-terminated UTF-8 in `buffer` (backslashes
+// become slashes); the byte count without the terminator, 0 on failure.
+size_t morv_catalog_widechar_to_utf8(const uint16_t* units, size_t count, char* buffer,
+                                     size_t buffer_size);

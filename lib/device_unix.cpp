@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include "support_unix.hpp"
 
@@ -129,5 +130,21 @@ morv_err morv_device_write_disk_sectors(morv_device* device, uint64_t first_sect
     MORV_ERROR("Partial write of buffer contents: %zd/%llu bytes written\n", n, morv_ull(length));
     return MORV_ERR_IO;
   }
+  return MORV_OK;
+}
+
+morv_err morv_device_sync(morv_device* device) {
+  if (morv_seam_fsync(device->priv->fd) != 0) {
+    const int saved = errno;
+    MORV_ERROR("Error while syncing device: %s (%d)\n", strerror(saved), saved);
+    return MORV_ERR_IO;
+  }
+  return MORV_OK;
+}
+
+morv_err morv_device_get_size(morv_device* device, uint64_t* out_bytes) {
+  const off64_t end = lseek64(device->priv->fd, 0, SEEK_END);
+  if (end < 0) return MORV_ERR_IO;
+  *out_bytes = static_cast<uint64_t>(end);
   return MORV_OK;
 }

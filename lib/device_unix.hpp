@@ -29,3 +29,8 @@ void morv_device_destroy(morv_device** device);
                                                      uint32_t sector_count, void** buffer);
 [[nodiscard]] morv_err morv_device_write_disk_sectors(morv_device* device, uint64_t first_sector,
                                                       uint32_t sector_count, const void* buffer);
+// Waits until every write made through the device has reached stable storage.
+[[nodiscard]] morv_err morv_device_sync(morv_device* device);
+// The size in bytes of what the descriptor holds (a file or a block device),
+// found by seeking to its end. Fails when the size cannot be found.
+[[nodiscard]] morv_err morv_device_get_size(morv_device* device, uint64_t* out_bytes);

@@ -149,8 +149,15 @@ morv_err morv_extents_get_next_extent_record(morv_extents* extents, uint8_t fork
     MORV_CRITICAL("Unexpected: Got NULL result with no error from morv_btree_search_node.\n");
     return MORV_ERR_INTERNAL;
   }
-  const int hit = result.locator && result.exact_match &&
-                  result.locator->data_size >= forkdata::kExtentRecordSize;
+  const int hit = result.locator && result.exact_match;
+  if (hit && result.locator->data_size < forkdata::kExtentRecordSize) {
+    MORV_ERROR("Overflow extents record for CNID %lu starting with block %lu has %zu bytes; an "
+               "extent record has %zu.\n",
+               morv_ul(cnid), morv_ul(start_block), result.locator->data_size,
+               forkdata::kExtentRecordSize);
+    morv_btree_search_result_release(&result);
+    return MORV_ERR_CORRUPT;
+  }
   if (hit) memcpy(record, result.locator->data, forkdata::kExtentRecordSize);
   morv_btree_search_result_release(&result);
   *found = hit;

@@ -27,9 +27,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bitmap.hpp"
 #include "device_unix.hpp"
 #include "extents.hpp"
 #include "support_unix.hpp"
+#include "volume.hpp"
 
 namespace {
 constexpr const char* kLogSource = "fork";
@@ -70,13 +72,20 @@ void drop_lock(morv_rwlock** lock) {
 
 // Scans one 8-descriptor record, adding its block counts to *blocks_seen.
 // *scanned is the number of non-empty descriptors before the first empty one.
+// The count is 64-bit and may never pass totalBlocks: eight counts that wrap
+// a 32-bit sum would lead back to the same overflow record for ever.
 [[nodiscard]] morv_err scan_extent_record(const uint8_t* record, uint32_t total_blocks,
-                                          uint32_t* blocks_seen, size_t* scanned) {
+                                          uint64_t* blocks_seen, size_t* scanned) {
   size_t i = 0;
   for (; i < forkdata::kExtentsPerRecord; ++i) {
     const uint8_t* e = record + i * forkdata::kExtentSize;
     if (extent_blocks(e) != 0) {
       *blocks_seen += extent_blocks(e);
+      if (*blocks_seen > total_blocks) {
+        MORV_ERROR("Extents reach beyond the fork's %lu blocks (at least %llu).\n",
+                   morv_ul(total_blocks), morv_ull(*blocks_seen));
+        return MORV_ERR_CORRUPT;
+      }
       continue;
     }
     if (extent_start(e) != 0) {
@@ -117,7 +126,7 @@ morv_err morv_fork_resolve_extents(morv_extents* extents, int partial, uint32_t 
   const uint32_t total_blocks = load_be32(fork_data + forkdata::kTotalBlocks);
   uint8_t record[forkdata::kExtentRecordSize];
   memcpy(record, fork_data + forkdata::kExtents, sizeof record);
-  uint32_t blocks_seen = 0;
+  uint64_t blocks_seen = 0;
   morv::buffer<uint8_t> list;
   size_t count = 0;
   for (;;) {
@@ -131,17 +140,19 @@ morv_err morv_fork_resolve_extents(morv_extents* extents, int partial, uint32_t 
       return MORV_ERR_INTERNAL;
     }
     // Always the data fork's key: the special files have no resource fork.
+    // blocks_seen is below totalBlocks here, so it fits the key's 32 bits.
     int found = 0;
     if (morv_err err = morv_extents_get_next_extent_record(extents, kDataForkType, cnid,
-                                                           blocks_seen, &found, record)) {
+                                                           static_cast<uint32_t>(blocks_seen),
+                                                           &found, record)) {
       MORV_ERROR("Error while searching for overflow extents record for CNID %lu starting with "
                  "block %lu.\n",
-                 morv_ul(cnid), morv_ul(blocks_seen));
+                 morv_ul(cnid), morv_ul(static_cast<uint32_t>(blocks_seen)));
       return err;
     }
     if (!found) {
       MORV_ERROR("No overflow extent found for CNID %lu starting with block %lu.\n", morv_ul(cnid),
-                 morv_ul(blocks_seen));
+                 morv_ul(static_cast<uint32_t>(blocks_seen)));
       return MORV_ERR_CORRUPT;
     }
   }
@@ -226,9 +237,36 @@ morv_err morv_fork_private_create(morv_device* device, morv_extents* extents, in
   return MORV_OK;
 }
 
+namespace {
+
+// A fork's logicalSize lies within its blocks, and its blocks within the
+// volume's: nothing is sized from a fork before this holds.
+[[nodiscard]] morv_err check_fork_size(const uint8_t* volume_header, uint32_t cnid,
+                                       const uint8_t* fork_data) {
+  const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
+  const uint32_t volume_blocks = load_be32(volume_header + vh::kTotalBlocks);
+  const uint64_t logical_size = load_be64(fork_data + forkdata::kLogicalSize);
+  const uint32_t total_blocks = load_be32(fork_data + forkdata::kTotalBlocks);
+  if (total_blocks > volume_blocks) {
+    MORV_ERROR("Fork of CNID %lu has %lu allocation blocks, more than the volume's %lu.\n",
+               morv_ul(cnid), morv_ul(total_blocks), morv_ul(volume_blocks));
+    return MORV_ERR_CORRUPT;
+  }
+  if (logical_size > uint64_t{total_blocks} * block_size) {
+    MORV_ERROR("Fork of CNID %lu is %llu bytes long, beyond its %lu allocation blocks of %lu "
+               "bytes.\n",
+               morv_ul(cnid), morv_ull(logical_size), morv_ul(total_blocks), morv_ul(block_size));
+    return MORV_ERR_CORRUPT;
+  }
+  return MORV_OK;
+}
+
+}  // namespace
+
 morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partial,
                           const uint8_t* volume_header, uint32_t cnid, uint8_t* fork_data,
                           uint32_t min_sector_size, morv_fork** out_fork) {
+  if (morv_err err = check_fork_size(volume_header, cnid, fork_data)) return err;
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t sector_size =
       device->sector_size > min_sector_size ? device->sector_size : min_sector_size;
@@ -390,17 +428,14 @@ morv_err morv_fork_read_into_cache(morv_fork* fork, uint64_t offset, uint64_t le
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / s;
   const uint64_t end = (offset + length + s - 1) / s;
-  if (morv_err err = morv_rwlock_lock_write(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Unable to unlock items lock!\n");
+  if (morv_err err = items.lock_write()) {
     MORV_ERROR("Unable to lock items lock.\n");
     return err;
   }
   morv_err result = MORV_OK;
   for (uint64_t n = first; n < end && result == MORV_OK; ++n) result = cache_sector(fork, n);
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Unable to unlock items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return items.finish(result);
 }
 
 // ---- Extent walk ----
@@ -581,23 +616,18 @@ morv_err morv_fork_map(morv_fork* fork, uint64_t offset, uint8_t** out, size_t l
     MORV_ERROR("Error while reading missing disk blocks into cache.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
-  uint8_t* pointer = nullptr;
-  if (morv_fork_cache_item* item = item_at(priv, first)) {
-    pointer = item->data + offset % priv->cache_item_size;
-  } else {
+  morv_fork_cache_item* item = item_at(priv, first);
+  if (!item) {
     MORV_CRITICAL("Unexpected - Requested cache item %llu does not exist.\n", morv_ull(first));
-    result = MORV_ERR_INTERNAL;
+    return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  if (result != MORV_OK) return result;
+  uint8_t* pointer = item->data + offset % priv->cache_item_size;
+  if (morv_err err = items.finish(MORV_OK)) return err;
   *out = pointer;
   if (mapped_length) *mapped_length = length;
   return MORV_OK;
@@ -608,29 +638,26 @@ namespace {
 // Drops one reference of a mapping (items lock held for reading).
 [[nodiscard]] morv_err release_mapping(const morv_fork_private* priv, morv_fork_cache_item* item,
                                        uint64_t index, uint64_t offset, uint8_t** pointer) {
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock, "Unexpected - Error while unlocking item %p!\n",
+                    item);
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking item %p.\n", static_cast<void*>(item));
     return err;
   }
-  morv_err result = MORV_OK;
   uint8_t* expected = item->data + offset % priv->cache_item_size;
   if (*pointer != expected) {
     MORV_ERROR("Unexpected pointer when unmapping cache item. Expected %p, got %p.\n",
                static_cast<void*>(expected), static_cast<void*>(*pointer));
-    result = MORV_ERR_INVALID_ARGUMENT;
-  } else if (item->references == 0) {
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (item->references == 0) {
     MORV_ERROR("Cache item %llu has no active references and cannot be unmapped.\n",
                morv_ull(index));
-    result = MORV_ERR_INVALID_ARGUMENT;
-  } else {
-    --item->references;  // one per mapping, whatever its length
-    *pointer = nullptr;
+    return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking item %p!\n", static_cast<void*>(item));
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  --item->references;  // one per mapping, whatever its length
+  *pointer = nullptr;
+  return item_guard.finish(MORV_OK);
 }
 
 }  // namespace
@@ -652,22 +679,17 @@ morv_err morv_fork_unmap(morv_fork* fork, uint64_t offset, uint8_t** pointer, si
                morv_ull(offset), length, morv_ull(first), morv_ull(last));
     return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
-  if (morv_fork_cache_item* item = item_at(priv, first)) {
-    result = release_mapping(priv, item, first, offset, pointer);
-  } else {
+  morv_fork_cache_item* item = item_at(priv, first);
+  if (!item) {
     MORV_ERROR("Cache item %llu does not exist and cannot be unmapped.\n", morv_ull(first));
-    result = MORV_ERR_INVALID_ARGUMENT;
+    return MORV_ERR_INVALID_ARGUMENT;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return items.finish(release_mapping(priv, item, first, offset, pointer));
 }
 
 namespace {
@@ -676,28 +698,22 @@ namespace {
 // morv_fork_read_into_cache took for it.
 [[nodiscard]] morv_err copy_from_item(morv_fork_cache_item* item, size_t start, uint8_t* out,
                                       size_t count) {
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock,
+                    "Unexpected - Error while unlocking cur_item's item lock.\n");
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking cur_item's item lock.\n");
     return err;
   }
-  morv_err result = MORV_OK;
   memcpy(out, item->data + start, count);
   if (item->references == 0) {
     MORV_CRITICAL("Unexpected - Cache item that we just copied from has no references (should have "
                   "at least one)!\n");
-    result = MORV_ERR_INTERNAL;
-  } else {
-    --item->references;
+    // The failure path's unlock message names the items lock; kept as it stands.
+    item_guard.set_unlock_message("Unexpected - Error while unlocking items lock.\n");
+    return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    if (result != MORV_OK) {
-      MORV_CRITICAL("Unexpected - Error while unlocking items lock.\n");
-    } else {
-      MORV_CRITICAL("Unexpected - Error while unlocking cur_item's item lock.\n");
-      result = err;
-    }
-  }
-  return result;
+  --item->references;
+  return item_guard.finish(MORV_OK);
 }
 
 // Copies [offset, offset + length) out of the cache (items lock held).
@@ -747,15 +763,13 @@ morv_err morv_fork_read(morv_fork* fork, uint64_t offset, void* buffer, size_t l
     MORV_ERROR("Error while reading missing disk blocks into cache.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = copy_from_items(priv, offset, static_cast<uint8_t*>(buffer), length);
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
+  const morv_err result =
+      items.finish(copy_from_items(priv, offset, static_cast<uint8_t*>(buffer), length));
   if (result == MORV_OK && bytes_read) *bytes_read = length;
   return result;
 }
@@ -849,26 +863,19 @@ morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, s
       MORV_ERROR("Error while reading last block in write range into cache.\n");
       return err;
     }
-  if (morv_err err = morv_rwlock_lock_write(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_write()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  if (morv_err err = morv_rwlock_lock_write(priv->dirty_lock)) {
+  MORV_RWLOCK_GUARD(dirty, priv->dirty_lock, "Unexpected - Error while unlocking dirty lock!\n");
+  if (morv_err err = dirty.lock_write()) {
     MORV_ERROR("Error while write-locking dirty lock.\n");
-    if (morv_rwlock_unlock(priv->items_lock) != MORV_OK)
-      MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
     return err;
   }
   morv_err result =
       write_locked(fork, offset, static_cast<const uint8_t*>(buffer), length, head_read, tail_read);
-  if (morv_err err = morv_rwlock_unlock(priv->dirty_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
-  }
+  result = items.finish(dirty.finish(result));
   if (result == MORV_OK && bytes_written) *bytes_written = length;
   return result;
 }
@@ -993,18 +1000,15 @@ morv_err morv_fork_flush_internal(morv_fork* fork, uint64_t offset, uint64_t len
   context.fork = fork;
   if (morv_err err = flush_geometry(priv->device->sector_size, priv->sector_size, &context))
     return err;
-  if (morv_err err = morv_rwlock_lock_write(priv->dirty_lock)) {
+  MORV_RWLOCK_GUARD(dirty, priv->dirty_lock, "Unexpected - Error while unlocking dirty lock!\n");
+  if (morv_err err = dirty.lock_write()) {
     MORV_ERROR("Error while write-locking dirty lock.\n");
     return err;
   }
   morv_err result =
       morv_fork_do_device_io(fork, offset, length, morv_fork_process_write_io, &context);
   if (result != MORV_OK) MORV_ERROR("Error while writing fork to disk.\n");
-  if (morv_err err = morv_rwlock_unlock(priv->dirty_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking dirty lock!\n");
-    if (result == MORV_OK) result = err;
-  }
-  return result;
+  return dirty.finish(result);
 }
 
 namespace {
@@ -1094,15 +1098,13 @@ struct flush_span {
                   item->modification_bitmap_size, expected);
     return MORV_ERR_INTERNAL;
   }
-  if (morv_err err = morv_rwlock_lock_write(item->item_lock)) {
+  MORV_RWLOCK_GUARD(item_guard, item->item_lock,
+                    "Unexpected - Error while unlocking item's item lock.\n");
+  if (morv_err err = item_guard.lock_write()) {
     MORV_ERROR("Error while write-locking item's item lock.\n");
     return err;
   }
-  morv_err result = write_modified_runs(ctx, item, span);
-  if (morv_err err = morv_rwlock_unlock(item->item_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking item's item lock.\n");
-    if (result == MORV_OK) result = err;
-  }
+  const morv_err result = item_guard.finish(write_modified_runs(ctx, item, span));
   // The dirty lock, held by the flush, covers the count.
   if (result == MORV_OK && item->modified == 0) --priv->dirty_items;
   return result;
@@ -1156,18 +1158,400 @@ morv_err morv_fork_process_write_io(void* context, uint64_t device_offset, uint6
 
 morv_err morv_fork_flush(morv_fork* fork) {
   morv_fork_private* priv = fork->priv;
-  if (morv_err err = morv_rwlock_lock_read(priv->items_lock)) {
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_read()) {
     MORV_ERROR("Error while read-locking items lock.\n");
     return err;
   }
-  morv_err result = morv_fork_flush_internal(fork, 0, priv->logical_size);
+  const morv_err result = morv_fork_flush_internal(fork, 0, priv->logical_size);
   if (result == MORV_OK && priv->dirty_items != 0) {
     MORV_WARNING("Dirty items is non-0 (%zu) after successful full flush.\n", priv->dirty_items);
     priv->dirty_items = 0;
   }
-  if (morv_err err = morv_rwlock_unlock(priv->items_lock)) {
-    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
-    if (result == MORV_OK) result = err;
+  return items.finish(result);
+}
+
+// ---- Growth and shrinking ----
+//
+// Only special files whose fork data lies in the volume header grow or
+// shrink, and only within the fork data's eight extents. A change is
+// prepared completely (location, arrays, new fork data) before anything is
+// published, so that every failure after publication only has to put the
+// saved fork data back and release what the bitmap gave.
+
+namespace {
+
+// CNIDs 3, 4, 6, 7 and 8: bit n of the mask is CNID n.
+constexpr uint32_t kHeaderForkCnids = 0x1D8;
+constexpr uint32_t kMaxHeaderForkCnid = 8;
+
+bool header_fork(uint32_t cnid) { return cnid <= kMaxHeaderForkCnid && ((kHeaderForkCnids >> cnid) & 1u); }
+
+// The allocation file's own fork cannot take blocks from itself: its items
+// lock would be held by the growth while the bitmap writes through it.
+bool is_bitmap_fork(const morv_fork* fork, const morv_volume* volume) {
+  return volume->bitmap && volume->bitmap->priv->fork == fork;
+}
+
+uint8_t* extent_at(uint8_t* fork_data, size_t i) {
+  return fork_data + forkdata::kExtents + i * forkdata::kExtentSize;
+}
+
+size_t extents_in_use(const uint8_t* fork_data) {
+  size_t n = 0;
+  while (n < forkdata::kExtentsPerRecord &&
+         extent_blocks(fork_data + forkdata::kExtents + n * forkdata::kExtentSize) != 0)
+    ++n;
+  return n;
+}
+
+// Publishes fork data to the volume header and to the fork's own reference
+// (which is normally the header's copy already).
+void publish(morv_fork_private* priv, morv_volume* volume, const uint8_t* fork_data) {
+  morv_volume_update_fork_data(volume, priv->cnid, fork_data);
+  if (memcmp(priv->fork_data, fork_data, forkdata::kSize) != 0)
+    memcpy(priv->fork_data, fork_data, forkdata::kSize);
+}
+
+// The resolved extents follow the fork data: used only for forks that lie
+// wholly in their fork data, whose resolved list is those extents.
+void resolve_in_place(morv_fork_private* priv, const uint8_t* fork_data) {
+  const size_t n = extents_in_use(fork_data);
+  memcpy(priv->extents, fork_data + forkdata::kExtents, n * forkdata::kExtentSize);
+  priv->extents_count = n;
+}
+
+// Forgets the cache beyond `logical_size`: items wholly past it are freed,
+// and in the item that holds it the sectors wholly past it lose their valid
+// and modification bits (the bytes past it in its last sector read as
+// zeros, as a freshly read last sector does). The items lock, held for
+// writing, keeps every writer and flusher (and so the dirty count) out.
+void drop_cache_beyond(morv_fork_private* priv, uint64_t logical_size) {
+  const uint64_t keep_items = (logical_size + kCacheItemSize - 1) / kCacheItemSize;
+  for (size_t i = static_cast<size_t>(keep_items); i < priv->items_length; ++i) {
+    morv_fork_cache_item* item = priv->items[i];
+    if (!item) continue;
+    if (item->modified != 0) --priv->dirty_items;
+    morv_fork_cache_item_destroy(item);
+    priv->items[i] = nullptr;
   }
-  return result;
+  const uint64_t in_item = logical_size % kCacheItemSize;
+  morv_fork_cache_item* item = in_item ? item_at(priv, logical_size / kCacheItemSize) : nullptr;
+  if (!item) return;
+  const uint32_t s = priv->sector_size;
+  const uint64_t first_past = (in_item + s - 1) / s;
+  if (in_item % s) memset(item->data + in_item, 0, static_cast<size_t>(first_past * s - in_item));
+  const size_t was_modified = item->modified;
+  for (uint64_t k = first_past; k < priv->cache_item_size / s; ++k) {
+    clear_bit(item->valid_bitmap, k);
+    if (!bit_is_set(item->modification_bitmap, k)) continue;
+    clear_bit(item->modification_bitmap, k);
+    --item->modified;
+  }
+  if (was_modified != 0 && item->modified == 0) --priv->dirty_items;
+}
+
+[[nodiscard]] morv_err check_supported(const morv_fork* fork, const morv_volume* volume,
+                                       const char* operation) {
+  const uint32_t cnid = fork->priv->cnid;
+  if (!header_fork(cnid)) {
+    MORV_ERROR("Invalid CNID for %s (%lu). We currently only support forks with their fork data "
+               "in the volume header.\n",
+               operation, morv_ul(cnid));
+    return MORV_ERR_INTERNAL;
+  }
+  if (is_bitmap_fork(fork, volume)) {
+    MORV_ERROR("The allocation file cannot grow or shrink while it serves as the volume's "
+               "bitmap.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  return MORV_OK;
+}
+
+// Where `blocks` new blocks go; a search that finds no run is a failure
+// here, so that nothing is ever allocated for it.
+[[nodiscard]] morv_err locate_growth(morv_fork* fork, morv_volume* volume, uint32_t blocks,
+                                     morv_write_location* location) {
+  const morv_fork_private* priv = fork->priv;
+  morv_err err = FindWriteLocation(priv->cnid, kDataForkType, priv->fork_data, volume,
+                                   priv->logical_size, blocks * fork->block_size, location);
+  if (!err && location->block_count == 0) {
+    MORV_ERROR("No free run of %lu blocks found in the allocation file.\n", morv_ul(blocks));
+    err = MORV_ERR_UNSUPPORTED;
+  }
+  if (err) MORV_ERROR("Error while searching for write location for expanded fork.\n");
+  return err;
+}
+
+// The arrays and fork data of a growth, prepared before anything changes.
+struct growth_plan {
+  uint64_t new_total = 0;
+  uint64_t new_items_length = 0;
+  morv::buffer<morv_fork_cache_item*> items;
+  morv::buffer<uint8_t> extents;
+  uint8_t fork_data[forkdata::kSize] = {};
+};
+
+[[nodiscard]] morv_err check_growth_size(const morv_fork_private* priv, uint64_t new_total,
+                                         uint64_t new_items_length) {
+  if (new_items_length < priv->items_length) {
+    MORV_CRITICAL("Internal error: New items array is smaller than old items array.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  if (new_total > UINT32_MAX) {
+    MORV_ERROR("Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
+               morv_ull(new_total));
+    return MORV_ERR_UNSUPPORTED;
+  }
+  const uint64_t items_size = new_items_length * sizeof(morv_fork_cache_item*);
+  if (!fits_size(items_size)) {
+    MORV_CRITICAL("size_t overflow in new_items_size (%llu).\n", morv_ull(items_size));
+    return MORV_ERR_INTERNAL;
+  }
+  return MORV_OK;
+}
+
+// Items lock held.
+[[nodiscard]] morv_err plan_growth(morv_fork* fork, uint32_t blocks,
+                                   const morv_write_location* location, growth_plan* plan) {
+  morv_fork_private* priv = fork->priv;
+  const uint64_t b = fork->block_size;
+  const uint64_t old_total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
+  plan->new_total = old_total + blocks;
+  plan->new_items_length = (plan->new_total * b + kCacheItemSize - 1) / kCacheItemSize;
+  if (morv_err err = check_growth_size(priv, plan->new_total, plan->new_items_length)) return err;
+  // The length wraps: the trailing part lies past the new end, so a fork
+  // holding unflushed writes is refused here. Kept as it stands.
+  if (morv_err err = morv_fork_flush_internal(fork, plan->new_total * b,
+                                              (old_total - plan->new_total) * b)) {
+    MORV_ERROR("Error while flushing trailing part of fork.\n");
+    return err;
+  }
+  if (!plan->items.allocate(static_cast<size_t>(plan->new_items_length))) {
+    MORV_ERROR("Error while allocating new items array.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  memcpy(plan->fork_data, priv->fork_data, forkdata::kSize);
+  if (morv_err err = UpdateForkExtents(plan->fork_data, location)) {
+    MORV_ERROR("Error while updating fork extents.\n");
+    return err;
+  }
+  // The fork data's logicalSize follows the fork's, so that I/O reaches the new blocks.
+  store_be64(plan->fork_data + forkdata::kLogicalSize, plan->new_total * b);
+  if (!plan->extents.allocate(forkdata::kExtentRecordSize)) {
+    MORV_ERROR("Error while allocating new items array.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  return MORV_OK;
+}
+
+// Installs a published growth in the fork (items lock held).
+void install_growth(morv_fork_private* priv, growth_plan* plan) {
+  morv_fork_cache_item** items = plan->items.get();
+  if (priv->items_length) memcpy(items, priv->items, priv->items_length * sizeof(*items));
+  morv_free(priv->items);
+  priv->items = plan->items.release();
+  priv->items_length = static_cast<size_t>(plan->new_items_length);
+  morv_free(priv->extents);
+  priv->extents = plan->extents.release();
+  resolve_in_place(priv, plan->fork_data);
+  priv->logical_size = load_be64(plan->fork_data + forkdata::kLogicalSize);
+}
+
+}  // namespace
+
+morv_err UpdateForkExtents(uint8_t* fork_data, const morv_write_location* location) {
+  if (!fork_data || !location) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint32_t index = location->extent_index;
+  if (index >= forkdata::kExtentsPerRecord) {
+    MORV_ERROR("Unable to update fork extents beyond the first 8 extents.");
+    return MORV_ERR_EXTENT_LIMIT;
+  }
+  uint8_t* e = extent_at(fork_data, index);
+  const uint64_t total = uint64_t{load_be32(fork_data + forkdata::kTotalBlocks)} + location->block_count;
+  const bool continues = uint64_t{extent_start(e)} + extent_blocks(e) == location->start_block;
+  // A run may only lengthen the extent it continues or fill the first empty
+  // extent: replacing a used extent would lose its blocks, and a gap would
+  // end the list early.
+  const size_t used = extents_in_use(fork_data);
+  const bool fills_next = index == used;
+  if (location->block_count == 0 || total > UINT32_MAX ||
+      (continues ? index + 1 != used : !fills_next)) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (continues) {
+    store_be32(e + forkdata::kExtentBlockCount, extent_blocks(e) + location->block_count);
+  } else {
+    store_be32(e + forkdata::kExtentStartBlock, location->start_block);
+    store_be32(e + forkdata::kExtentBlockCount, location->block_count);
+  }
+  store_be32(fork_data + forkdata::kTotalBlocks, static_cast<uint32_t>(total));
+  return MORV_OK;
+}
+
+morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
+                                   uint32_t* out_blocks_added, morv_fork_growth* growth) {
+  morv_fork_private* priv = fork->priv;
+  const uint32_t blocks = load_be32(priv->fork_data + forkdata::kClumpSize) / fork->block_size;
+  if (morv_err err = check_supported(fork, volume, "morv_fork_expand")) return err;
+  morv_fork_growth record{};
+  if (blocks != 0) {
+    morv_write_location location{};
+    if (morv_err err = locate_growth(fork, volume, blocks, &location)) return err;
+    MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+    if (morv_err err = items.lock_write()) {
+      MORV_ERROR("Error while locking items lock.\n");
+      return err;
+    }
+    memcpy(record.saved_fork_data, priv->fork_data, forkdata::kSize);
+    record.saved_next_allocation = load_be32(volume->header + vh::kNextAllocation);
+    record.start_block = location.start_block;
+    record.blocks = blocks;
+    record.old_logical_size = priv->logical_size;
+    record.old_items_length = priv->items_length;
+    growth_plan plan;
+    if (morv_err err = plan_growth(fork, blocks, &location, &plan)) return err;
+    publish(priv, volume, plan.fork_data);
+    if (morv_err err = AllocateExtentAllocationBlocks(location.start_block, blocks, volume)) {
+      MORV_ERROR("Error while marking %lu blocks starting at block %lu as allocated in the "
+                 "allocation file.\n",
+                 morv_ul(blocks), morv_ul(location.start_block));
+      publish(priv, volume, record.saved_fork_data);
+      return err;
+    }
+    install_growth(priv, &plan);
+    if (morv_err err = items.finish(MORV_OK)) return err;
+  }
+  if (growth) *growth = record;
+  *out_blocks_added = blocks;
+  return MORV_OK;
+}
+
+morv_err morv_fork_expand(morv_fork* fork, morv_volume* volume, uint32_t* out_blocks_added) {
+  return morv_fork_expand_recorded(fork, volume, out_blocks_added, nullptr);
+}
+
+morv_err morv_fork_undo_growth(morv_fork* fork, morv_volume* volume, const morv_fork_growth* growth) {
+  if (growth->blocks == 0) return MORV_OK;
+  morv_fork_private* priv = fork->priv;
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_write()) {
+    MORV_ERROR("Error while locking items lock.\n");
+    return err;
+  }
+  drop_cache_beyond(priv, growth->old_logical_size);
+  // The larger items array stays; only its length goes back.
+  priv->items_length = growth->old_items_length;
+  priv->logical_size = growth->old_logical_size;
+  publish(priv, volume, growth->saved_fork_data);
+  resolve_in_place(priv, growth->saved_fork_data);
+  const morv_err err = morv_bitmap_release_run(volume, growth->start_block, growth->blocks,
+                                               growth->saved_next_allocation);
+  return items.finish(err);
+}
+
+namespace {
+
+// The fork data of a fork cut to `new_total` blocks.
+void cut_fork_data(uint8_t* fork_data, uint64_t new_total, uint64_t new_logical_size) {
+  uint64_t before = 0;
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i) {
+    uint8_t* e = extent_at(fork_data, i);
+    const uint64_t blocks = extent_blocks(e);
+    if (before >= new_total) {
+      memset(e, 0, forkdata::kExtentSize);
+    } else if (before + blocks > new_total) {
+      store_be32(e + forkdata::kExtentBlockCount, static_cast<uint32_t>(new_total - before));
+    }
+    before += blocks;
+  }
+  store_be32(fork_data + forkdata::kTotalBlocks, static_cast<uint32_t>(new_total));
+  store_be64(fork_data + forkdata::kLogicalSize, new_logical_size);
+}
+
+// A shrink is only taken on forks that lie wholly in their eight extents.
+[[nodiscard]] morv_err check_shrink(const morv_fork_private* priv, uint32_t blocks_to_remove) {
+  const uint32_t total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
+  if (blocks_to_remove > total) {
+    MORV_ERROR("Cannot remove %lu blocks from a fork of %lu blocks.\n", morv_ul(blocks_to_remove),
+               morv_ul(total));
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  uint64_t held = 0;
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i)
+    held += extent_blocks(extent_at(priv->fork_data, i));
+  if (held != total) {
+    MORV_ERROR("Unable to update fork extents beyond the first 8 extents.");
+    return MORV_ERR_EXTENT_LIMIT;
+  }
+  return MORV_OK;
+}
+
+// Items lock held.
+[[nodiscard]] morv_err shrink_locked(morv_fork* fork, morv_volume* volume, uint32_t blocks) {
+  morv_fork_private* priv = fork->priv;
+  const uint64_t b = fork->block_size;
+  const uint64_t old_total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
+  const uint64_t new_total = old_total - blocks;
+  const uint64_t new_logical = std::min(priv->logical_size, new_total * b);
+  const uint64_t new_items_length = (new_logical + kCacheItemSize - 1) / kCacheItemSize;
+  if (new_items_length > priv->items_length) {
+    MORV_CRITICAL("Internal error: New items array is larger than old items array.\n");
+    return MORV_ERR_INTERNAL;
+  }
+  if (new_logical < priv->logical_size)
+    if (morv_err err = morv_fork_flush_internal(fork, new_logical, priv->logical_size - new_logical)) {
+      MORV_ERROR("Error while flushing trailing part of fork.\n");
+      return err;
+    }
+  morv::buffer<morv_fork_cache_item*> items;
+  if (!items.allocate(static_cast<size_t>(new_items_length))) {
+    MORV_ERROR("Error while allocating new items array.\n");
+    return MORV_ERR_NO_MEMORY;
+  }
+  uint8_t saved[forkdata::kSize];
+  uint8_t cut[forkdata::kSize];
+  memcpy(saved, priv->fork_data, sizeof saved);
+  memcpy(cut, saved, sizeof cut);
+  cut_fork_data(cut, new_total, new_logical);
+  publish(priv, volume, cut);
+  uint32_t freed = 0;
+  if (morv_err err = FreeExtentAllocationBlocks(saved, static_cast<uint32_t>(new_total), blocks,
+                                                volume->bitmap, &freed)) {
+    MORV_ERROR("Error while freeing %lu blocks in fork starting at block %lu.\n", morv_ul(blocks),
+               morv_ul(static_cast<uint32_t>(new_total)));
+    publish(priv, volume, saved);
+    return err;
+  }
+  if (freed < blocks)
+    MORV_ERROR("Unable to free all allocated blocks. Freed %lu / %lu blocks.\n", morv_ul(freed),
+               morv_ul(blocks));
+  morv_volume_increment_free_blocks(volume, freed);
+  drop_cache_beyond(priv, new_logical);
+  if (new_items_length) memcpy(items.get(), priv->items, static_cast<size_t>(new_items_length) * sizeof(morv_fork_cache_item*));
+  morv_free(priv->items);
+  priv->items = items.release();
+  priv->items_length = static_cast<size_t>(new_items_length);
+  priv->logical_size = new_logical;
+  resolve_in_place(priv, cut);
+  return MORV_OK;
+}
+
+}  // namespace
+
+morv_err morv_fork_shrink(morv_fork* fork, morv_volume* volume, uint32_t blocks_to_remove) {
+  if (morv_err err = check_supported(fork, volume, "morv_fork_shrink")) return err;
+  morv_fork_private* priv = fork->priv;
+  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
+  if (morv_err err = items.lock_write()) {
+    MORV_ERROR("Error while locking items lock.\n");
+    return err;
+  }
+  if (morv_err err = check_shrink(priv, blocks_to_remove)) return err;
+  if (blocks_to_remove == 0) return items.finish(MORV_OK);
+  return items.finish(shrink_locked(fork, volume, blocks_to_remove));
 }

@@ -52,6 +52,47 @@ void morv_fork_destroy(morv_fork** fork);
 [[nodiscard]] morv_err morv_fork_flush(morv_fork* fork);
 [[nodiscard]] morv_err morv_fork_flush_internal(morv_fork* fork, uint64_t offset, uint64_t length);
 
+// ---- Growth and shrinking (special files whose fork data is in the volume header) ----
+
+struct morv_volume;
+struct morv_write_location;
+
+// Applies a write location to fork data (on-disk order, in place): the run
+// continues the extent at the location's index, or fills that extent when it
+// is the first empty one; totalBlocks grows by the run. logicalSize is left.
+[[nodiscard]] morv_err UpdateForkExtents(uint8_t* fork_data, const morv_write_location* location);
+
+// Grows the fork by clumpSize / blockSize blocks from the allocation bitmap:
+// the fork data (extents, totalBlocks, logicalSize), the volume header's copy
+// of it, the bitmap, freeBlocks and the cache change together or not at all.
+// Refused while the fork holds unflushed writes.
+[[nodiscard]] morv_err morv_fork_expand(morv_fork* fork, morv_volume* volume,
+                                        uint32_t* out_blocks_added);
+// Cuts the last `blocks_to_remove` blocks off the fork and frees them; the
+// cut part's modified sectors are written first and its cache dropped.
+[[nodiscard]] morv_err morv_fork_shrink(morv_fork* fork, morv_volume* volume,
+                                        uint32_t blocks_to_remove);
+
+// What one growth changed, for taking it back.
+struct morv_fork_growth {
+  uint8_t saved_fork_data[forkdata::kSize];
+  uint32_t saved_next_allocation;
+  uint32_t start_block;
+  uint32_t blocks;  // 0: nothing to take back
+  uint64_t old_logical_size;
+  size_t old_items_length;
+};
+// morv_fork_expand that also records how to take the growth back.
+[[nodiscard]] morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
+                                                 uint32_t* out_blocks_added,
+                                                 morv_fork_growth* growth);
+// Takes a recorded growth back whole, the last change to the fork first: the
+// cache past the old end is dropped (nothing reaches the device), and the
+// fork data, bitmap bits, freeBlocks and nextAllocation are as before. It
+// allocates nothing and transfers nothing.
+[[nodiscard]] morv_err morv_fork_undo_growth(morv_fork* fork, morv_volume* volume,
+                                             const morv_fork_growth* growth);
+
 // ---- Internals shared by the fork operations (and their tests) ----
 
 struct morv_rwlock;

@@ -80,6 +80,8 @@ namespace vh {
 inline constexpr uint64_t kOffsetOnDisk = 1024;
 inline constexpr size_t kSize = 512;
 inline constexpr size_t kSignature = 0;
+inline constexpr size_t kAttributes = 4;
+inline constexpr size_t kJournalInfoBlock = 12;
 inline constexpr size_t kFileCount = 32;
 inline constexpr size_t kFolderCount = 36;
 inline constexpr size_t kBlockSize = 40;

@@ -101,6 +101,20 @@ morv_err morv_rwlock_unlock(morv_rwlock* lock) {
   return MORV_OK;
 }
 
+morv_err morv::rwlock_guard::unlock() {
+  if (!held_) return MORV_OK;
+  held_ = false;
+  const morv_err err = morv_rwlock_unlock(lock_);
+  // The messages are fixed texts with at most one %p; passing them as the
+  // format keeps the log's line-start rule (a trailing newline ends the line).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  if (err != MORV_OK) morv_log(source_, line_, function_, "CRITICAL", message_, argument_);
+#pragma GCC diagnostic pop
+  return err;
+}
+
 // ---- The seam ----
 
 namespace {
@@ -173,6 +187,15 @@ ssize_t morv_seam_pwrite(int fd, const void* buffer, size_t length, uint64_t off
   if (n > 0) g_seam.stats.write_bytes += static_cast<uint64_t>(n);
   if (g_seam.observer) g_seam.observer(g_seam.observer_context, MORV_SEAM_WRITE, offset, length);
   return n;
+}
+
+int morv_seam_fsync(int fd) {
+  if (seam_should_fail(MORV_SEAM_WRITE)) {
+    errno = EIO;
+    return -1;
+  }
+  ++g_seam.stats.writes;
+  return fsync(fd);
 }
 
 void morv_seam_fail_at(unsigned ops, uint64_t n) {

@@ -37,6 +37,9 @@ void morv_free(void* p);
 // case -1 is returned with errno set to EIO.
 ssize_t morv_seam_pread(int fd, void* buffer, size_t length, uint64_t offset);
 ssize_t morv_seam_pwrite(int fd, const void* buffer, size_t length, uint64_t offset);
+// fsync, counted as a device write: the write that makes the others durable.
+// Returns -1 with errno EIO when the seam fails it.
+int morv_seam_fsync(int fd);
 
 // Test interface.
 enum morv_seam_op : unsigned {
@@ -120,4 +123,53 @@ class buffer {
   T* p_ = nullptr;
 };
 
+// Holds a morv_rwlock from a successful lock_read()/lock_write() until
+// finish() or the end of the scope. A failed unlock is logged at CRITICAL
+// under the holder's function name with `unlock_message`; finish() also makes
+// it the result when `result` was success, while the unlock at scope exit
+// (the failure paths) only logs it. Made through MORV_RWLOCK_GUARD.
+class rwlock_guard {
+ public:
+  rwlock_guard(morv_rwlock* lock, const char* source, const char* function, int line,
+               const char* unlock_message, const void* message_argument = nullptr)
+      : lock_(lock),
+        source_(source),
+        function_(function),
+        line_(line),
+        message_(unlock_message),
+        argument_(message_argument) {}
+  rwlock_guard(const rwlock_guard&) = delete;
+  rwlock_guard& operator=(const rwlock_guard&) = delete;
+  ~rwlock_guard() { (void)unlock(); }
+  [[nodiscard]] morv_err lock_read() { return take(morv_rwlock_lock_read(lock_)); }
+  [[nodiscard]] morv_err lock_write() { return take(morv_rwlock_lock_write(lock_)); }
+  // The message logged should the unlock fail (a path may need its own).
+  void set_unlock_message(const char* message) { message_ = message; }
+  // Unlocks now; `result`, or the unlock's error when `result` was success.
+  [[nodiscard]] morv_err finish(morv_err result) {
+    const morv_err err = unlock();
+    return result != MORV_OK ? result : err;
+  }
+
+ private:
+  morv_err take(morv_err err) {
+    held_ = err == MORV_OK;
+    return err;
+  }
+  morv_err unlock();
+
+  morv_rwlock* lock_;
+  const char* source_;
+  const char* function_;
+  int line_;
+  const char* message_;
+  const void* argument_;  // for a message's one %p
+  bool held_ = false;
+};
+
 }  // namespace morv
+
+// A guard over `lock` named `name`, reporting a failed unlock as the
+// calling function: MORV_RWLOCK_GUARD(name, lock, message [, pointer for %p]).
+#define MORV_RWLOCK_GUARD(name, lock, ...) \
+  morv::rwlock_guard name((lock), kLogSource, __func__, __LINE__, __VA_ARGS__)

@@ -234,7 +234,10 @@ struct unit_sink {
 };
 
 // Decodes `len` bytes into the sink until a character that used no bytes.
-[[nodiscard]] morv_err decode_utf8(const uint8_t* s, size_t len, unit_sink* sink) {
+// *beyond_unicode is set when that character was a four-byte form above
+// U+10FFFF: its units are lone surrogates, never a name.
+[[nodiscard]] morv_err decode_utf8(const uint8_t* s, size_t len, unit_sink* sink,
+                                   uint32_t* beyond_unicode) {
   uint32_t cp = 0;
   size_t i = 0;
   while (i < len) {
@@ -247,7 +250,10 @@ struct unit_sink {
       sink->put(((cp - kSupplementaryFirst) >> kSurrogateShift) + kHighSurrogateFirst);
       sink->put(((cp - kSupplementaryFirst) & kSurrogateLowMask) + kLowSurrogateFirst);
     }
-    if (used == 0) break;
+    if (used == 0) {
+      if (cp > kCodePointLast) *beyond_unicode = cp;
+      break;
+    }
     i += used;
   }
   return MORV_OK;
@@ -359,11 +365,14 @@ uint16_t compose_hangul(const uint16_t* units, size_t n, size_t* extra) {
   return static_cast<uint16_t>(current);
 }
 
-// Composition at big-endian bytes `p` with `remaining` > 0 units.
+// Composition at big-endian bytes `p` with `remaining` > 0 units. A 0 unit
+// ends the name, so it never takes part in a sequence: a single-unit row
+// would otherwise match the unit before it together with the 0.
 uint16_t compose_at_bytes(const uint8_t* p, size_t remaining, size_t* consumed) {
   uint16_t units[kUnicodeMaxDecomposition] = {};
-  const size_t n = remaining < kUnicodeMaxDecomposition ? remaining : kUnicodeMaxDecomposition;
-  for (size_t k = 0; k < n; ++k) units[k] = load_be16(p + k * kUnitBytes);
+  const size_t limit = remaining < kUnicodeMaxDecomposition ? remaining : kUnicodeMaxDecomposition;
+  size_t n = 0;
+  while (n < limit && (units[n] = load_be16(p + n * kUnitBytes)) != 0) ++n;
   size_t extra = 0;
   uint16_t composed = compose_hangul(units, n, &extra);
   if (extra == 0) composed = compose_from_table(units, n, &extra);
@@ -464,12 +473,18 @@ morv_err morv_unicode_utf8_to_unistr(const char* s, size_t len, uint16_t** outs,
     }
     sink = unit_sink{owned.get(), units + 1, 0};
   }
-  err = decode_utf8(bytes, len, &sink);
+  uint32_t beyond_unicode = 0;
+  err = decode_utf8(bytes, len, &sink, &beyond_unicode);
   if (err != MORV_OK) return err;
   if (sink.count < sink.capacity) sink.buffer[sink.count] = 0;
   if (sink.count != units) {
     MORV_ERROR("Internal error - Filled length is not as expected. Expected: %d Actual: %zd\n",
                static_cast<int>(units), static_cast<ssize_t>(sink.count));
+    return MORV_ERR_INTERNAL;
+  }
+  // As the last character the form leaves the count whole; it fails all the same.
+  if (beyond_unicode != 0) {
+    MORV_ERROR("Internal error - Code point 0x%lX is beyond U+10FFFF.\n", morv_ul(beyond_unicode));
     return MORV_ERR_INTERNAL;
   }
   owned.release();

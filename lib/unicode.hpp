@@ -55,7 +55,7 @@ inline constexpr int kUnicodeLittleEndian = 2;
 // of *outs_len units; when it has no room for the 0 unit the result is left
 // unterminated. On success *outs_len (if given) is the unit count.
 // Errors: MORV_ERR_INVALID_ARGUMENT (invalid UTF-8, caller buffer too small),
-// MORV_ERR_INTERNAL (a 4-byte form outside U+10000..U+10FFFF before the end).
+// MORV_ERR_INTERNAL (a 4-byte form outside U+10000..U+10FFFF, wherever it stands).
 [[nodiscard]] morv_err morv_unicode_utf8_to_unistr(const char* s, size_t len, uint16_t** outs,
                                                    size_t* outs_len);
 

@@ -56,7 +56,8 @@ class CommandLine(ImageCase):
     def test_mounted_device_is_refused_by_its_path_as_typed(self):
         if shutil.which("unshare") is None or os.geteuid() != 0:
             self.skipTest("needs root and unshare to mount in a private namespace")
-        image = self.path()
+        # The mount table writes the blank and the backslash as \040 and \134.
+        image = self.path("mounted vol\\ume.img")
         build(image, "Mounted", "--size", 4 << 20)
         link = self.path("link.img")
         os.symlink(image, link)
@@ -69,10 +70,52 @@ class CommandLine(ImageCase):
             self.skipTest("mounting is not permitted here")
         self.assertEqual(refused.returncode, 1)
         self.assertEqual(refused.stderr, b"Refusing to open mounted file system.\n")
+        self.assertEqual(subprocess.run(command + [image], capture_output=True).stderr,
+                         b"Refusing to open mounted file system.\n")
         # Another path to the same file is not recognised.
         other = subprocess.run(command + [link], capture_output=True)
         self.assertEqual(other.returncode, 0, other.stderr)
         self.assertEqual(other.stdout, b"Mounted\n")
+
+    def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
+        if shutil.which("unshare") is None or os.geteuid() != 0:
+            self.skipTest("needs root and unshare to mount in a private namespace")
+        image = self.path("vol ume\\x.img")
+        build(image, "Listed", "--size", 4 << 20)
+        escaped = image.replace("\\", "\\134").replace(" ", "\\040")
+        other_escape = image.replace("\\", "\\\\").replace(" ", "\\040")
+        # Lines longer than any read, with the image in a later field or first.
+        long_line = "src /mnt tmpfs " + "o" * 40000 + " %s 0 0\n" % escaped
+        long_first = "%s /mnt tmpfs %s 0 0\n" % (escaped, "o" * 40000)
+        tables = [
+            ("# comment\n\n" + long_line + "  \t" + escaped + " /mnt tmpfs rw 0 0", True),
+            (long_line + other_escape + "\t/mnt tmpfs rw 0 0\n", True),
+            (long_first + "src /mnt tmpfs rw 0 0\n", True),
+            ("#" + escaped + " /mnt tmpfs rw 0 0\n" + long_line + escaped + "x /mnt tmpfs rw 0 0\n"
+             + escaped[:-1] + " /mnt tmpfs rw 0 0\n" + image + " /mnt tmpfs rw 0 0\n", False),
+        ]
+        # The table is bound over this process's own mount table: /proc/mounts
+        # is /proc/self/mounts, and the tool is exec'd in the shell's place.
+        script = 'mount --bind "$1" /proc/$$/mounts || exit 99; shift; exec "$@"'
+        for table, refused in tables:
+            with self.subTest(table=table[:60], refused=refused):
+                fake = self.path("mounts")
+                with open(fake, "w") as f:
+                    f.write(table)
+                result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh", fake] + EMULATOR
+                                        + [TOOL, image], capture_output=True)
+                if result.returncode == 99:
+                    self.skipTest("mounting is not permitted here")
+                self.assertEqual(result.returncode, 1 if refused else 0, result.stderr)
+                self.assertEqual(result.stdout, b"" if refused else b"Listed\n")
+        # A table that opens but cannot be read (here the process's memory,
+        # whose first page is unmapped) leaves the mount state unknown: the
+        # run stops as if the table could not be opened.
+        script = 'mount --bind /proc/$$/mem /proc/$$/mounts || exit 99; exec "$@"'
+        result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh"] + EMULATOR + [TOOL, image],
+                                capture_output=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (1, b"", b"Error while opening /proc/mounts for reading: Input/output error (5)\n"))
 
     def test_output_mode_is_ignored_when_changing(self):
         image = self.path()
@@ -176,6 +219,37 @@ class Changing(ImageCase):
         info = build(image, "Big volume", "--size", 256 << 20, "--files", 50000, "--folders", 200)
         self.change_and_verify(image, info, 4096, 4096, "Fifty thousand \u2603")
 
+    def test_an_absurdly_deep_catalog(self):
+        # 60 index nodes of one record each above the root: every level's
+        # first key changes with the label, once.
+        image = self.path()
+        info = build(image, "Deep", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
+                     "--files", 300, "--catalog-index-chain", 60)
+        self.assertEqual(info["catalog"]["depth"], 64)
+        start = time.monotonic()
+        self.change_and_verify(image, info, 512, 512, "Deeper")
+        self.assertLess(time.monotonic() - start, 60)
+
+    def test_labels_that_name_nothing_or_are_not_utf8_are_refused(self):
+        image = self.path()
+        build(image, "Keep", "--size", 4 << 20)
+        before = digest(image)
+        for label in (b"", b".", b".."):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, b'Invalid volume label "%s": a volume cannot be named '
+                                 b'"", "." or "..".\n' % label)
+        # A four-byte form above U+10FFFF, wherever it stands, and other invalid UTF-8.
+        for label in (b"New\xf4\x90\x80\x80", b"\xf4\x90\x80\x80New", b"\xff", b"a\xc3", b"\xed\xa0\x80"):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual(result.returncode, 1)
+                self.assertTrue(result.stderr.endswith(
+                    b"Error when converting volume label from UTF-8 to UTF-16.\n"), result.stderr)
+        self.assertEqual(digest(image), before)
+        self.assert_prints(image, "Keep")
+
     def test_labels_too_long_after_decomposition_are_refused(self):
         image = self.path()
         build(image, "Keep", "--size", 4 << 20)
@@ -191,26 +265,48 @@ class Changing(ImageCase):
 
 
 class Safety(ImageCase):
+    # The tool's own last words on a failed print and a failed change.
+    PRINT_FAILURES = (b"Error while opening volume in read mode.\n",
+                      b"Error while opening device in read mode.\n",
+                      b"Error while allocating memory for native-endian label.\n",
+                      b"Error while converting UTF-16 string to UTF-8.\n")
+    CHANGE_FAILURES = (b"Error while opening volume in read/write mode.\n",
+                       b"Error while opening device in read/write mode.\n",
+                       b"Error when converting volume label from UTF-8 to UTF-16.\n",
+                       b"Error while changing volume label.\n",
+                       b"Error while flushing changes to catalog file.\n")
+
     def run_with_faults(self, ops, args, image):
-        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run succeeds."""
+        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run
+        succeeds. Every failed run must end in one of the tool's messages with
+        status 1 and no sanitizer report (leaks included); a run whose failure
+        comes before the flush's first device write must leave the image as it
+        was. Returns the number of failed runs, and the image and standard
+        error that the last one left."""
         pristine = contents(image)
-        runs = 0
+        changing = len(args) > 1
+        endings = self.CHANGE_FAILURES if changing else self.PRINT_FAILURES
+        last = (pristine, b"")
         for n in range(1, 5000):
             with open(image, "wb") as f:
                 f.write(pristine)
             env = dict(os.environ, MORV_FAULT_OPS=ops, MORV_FAULT_AT=str(n))
             result = tool(*args, binary=FAULTY_TOOL, env=env)
-            if b"fault-injection: not delivered" in result.stderr:
+            if result.stderr.endswith(b"fault-injection: not delivered\n"):
                 self.assertEqual(result.returncode, 0, result.stderr)
-                return runs
-            runs += 1
+                return n - 1, last
+            last = (contents(image), result.stderr)
             with self.subTest(ops=ops, n=n):
                 self.assertEqual(result.returncode, 1, result.stderr)
-                self.assertNotIn(b"AddressSanitizer", result.stderr)
+                self.assertNotIn(b"Sanitizer", result.stderr)
+                lines = result.stderr.splitlines(keepends=True)
+                self.assertEqual(lines[-1], b"fault-injection: delivered\n")
+                self.assertTrue(lines[-2] in endings or lines[-2].startswith(
+                    b"Error when allocating ") and changing, result.stderr)
                 if ops == "write":
                     self.assertIn(b"Error while flushing changes to catalog file.\n", result.stderr)
-                else:
-                    self.assertEqual(contents(image), pristine,
+                if ops != "write" or n == 1:
+                    self.assertEqual(last[0], pristine,
                                      "a run that failed before its flush changed the image")
         self.fail("the operation never succeeded")
 
@@ -220,14 +316,54 @@ class Safety(ImageCase):
               "--files", 200, "--catalog-fragments", 10)
         pristine = contents(image)
         for ops in ("alloc", "read"):
-            runs = self.run_with_faults(ops, [image], image)
+            runs, _ = self.run_with_faults(ops, [image], image)
             self.assertGreater(runs, 3)
             self.assertEqual(contents(image), pristine)
         for ops in ("alloc", "read", "write"):
-            runs = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
-            self.assertGreater(runs, 0)
+            runs, (last_image, last_stderr) = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
+            self.assertGreater(runs, 1 if ops == "write" else 0)
             check(self, image)
             self.assertEqual(tool("--output-mode=raw", image).stdout, "Changed e\u0301\n".encode("utf-8"))
+            if ops == "write":
+                # The last write to fail is the sync after the flush: every
+                # sector is out, yet the change is not known to be on stable
+                # storage, so it is reported as a failed flush.
+                self.assertIn(b"Error while syncing device", last_stderr)
+                self.assertEqual(last_image, contents(image))
+
+    def test_damaged_volumes_end_in_messages(self):
+        # (corruption, what the library says about it, whether printing still works)
+        cases = [
+            ("root-name-length", b"name of 255 units runs past its keyLength of 20 bytes", False),
+            ("root-thread-name-length", b"is too short for its name of 255 units", False),
+            ("root-thread-no-data", b"Catalog record of 0 bytes is too short to hold a record type", False),
+            ("root-folder-no-data", b"Catalog record of 0 bytes is too short to hold a record type", True),
+            ("catalog-logical-size", b"is 4398046511104 bytes long, beyond its", False),
+            ("extents-wrap", b"Extents reach beyond the fork's", False),
+            ("extents-short-record", b"has 32 bytes; an extent record has 64", False),
+            ("block-size", b"size 768 is not a power of two from 512 to 1048576", False),
+            ("volume-beyond-device", b"Volume of 32768 allocation blocks of 512 bytes does not fit on its device of 8388608 bytes", False),
+        ]
+        for kind, message, prints in cases:
+            with self.subTest(kind=kind):
+                image = self.path()
+                build(image, "Damaged", "--size", 8 << 20, "--block-size", 512,
+                      "--catalog-node-size", 512, "--files", 50, "--catalog-fragments", 10,
+                      "--corrupt", kind)
+                before = digest(image)
+                printed = tool(image)
+                if prints:
+                    self.assertEqual((printed.returncode, printed.stdout), (0, b"Damaged\n"))
+                else:
+                    self.assertEqual(printed.returncode, 1)
+                    self.assertIn(message, printed.stderr)
+                    self.assertTrue(printed.stderr.endswith(b"Error while opening volume in read mode.\n"))
+                changed = tool(image, "New")
+                self.assertEqual(changed.returncode, 1)
+                self.assertIn(message, changed.stderr)
+                self.assertTrue(changed.stderr.endswith(b"Error while changing volume label.\n" if prints else
+                                                        b"Error while opening volume in read/write mode.\n"))
+                self.assertEqual(digest(image), before)
 
     def test_no_free_catalog_node_for_a_split(self):
         image = self.path()
@@ -242,18 +378,31 @@ class Safety(ImageCase):
         self.assertEqual(tool(image).stdout, b"Full\n")
 
     def test_a_label_the_catalog_cannot_hold(self):
-        # A 255-unit name makes 518-byte keys: with 1024-byte nodes the records
-        # and index records that carry it cannot be placed without splitting
-        # the root, and the tree never grows in depth.
-        image = self.path()
-        build(image, "Small nodes", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 1024,
-              "--files", 300, "--folders", 10, "--name-length", 20)
-        before = digest(image)
-        result = tool(image, "B" * 255)
-        self.assertEqual(result.returncode, 1)
-        self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
-        self.assertEqual(digest(image), before)
-        self.assertEqual(tool(image).stdout, b"Small nodes\n")
+        # A 255-unit name makes 518-byte keys. In 512-byte nodes no record can
+        # hold one; in full 1024-byte nodes the index records that carry it
+        # reach the root, which never splits. With 60-unit names the root
+        # still has room for it and the change goes through.
+        cases = ((512, 20, b"Record cannot fit in a node given the B-tree's node size of 512 bytes"),
+                 (1024, 60, b"Unable to split root node.\n"),
+                 (1024, 40, None))
+        for node_size, name_length, refusal in cases:
+            with self.subTest(node_size=node_size, name_length=name_length):
+                image = self.path()
+                build(image, "Small nodes", "--size", 16 << 20, "--block-size", 512,
+                      "--catalog-node-size", node_size, "--files", 400, "--folders", 10,
+                      "--name-length", name_length)
+                before = digest(image)
+                result = tool(image, "B" * 255)
+                if refusal is None:
+                    self.assertEqual(result.returncode, 0, result.stderr)
+                    check(self, image)
+                    self.assertEqual(tool(image).stdout, b"B" * 255 + b"\n")
+                    continue
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(refusal, result.stderr)
+                self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+                self.assertEqual(digest(image), before)
+                self.assertEqual(tool(image).stdout, b"Small nodes\n")
 
     def test_a_change_waits_for_a_reader(self):
         image = self.path()
@@ -270,6 +419,81 @@ class Safety(ImageCase):
         self.assertEqual((writer.returncode, err), (0, b""))
         self.assertEqual(tool(image).stdout, b"Exclusive\n")
         check(self, image)
+
+
+class Refusals(ImageCase):
+    """A change that the volume's own state makes unsafe is refused before
+    anything is written; printing the same volume still works."""
+    WHY = {
+        "locked": b"the volume is software-locked, which tells every writer to leave it alone. "
+                  b"Unlock it on the system that locked it (a hybrid ISO image stays locked: "
+                  b"rebuild it with the new name), then try again.",
+        "dirty": b"the volume's journal holds transactions that have not been replayed, and a Mac "
+                 b"replaying them later would undo the change. Mount the volume on a Mac and "
+                 b"eject it, then try again.",
+        "elsewhere": b"the volume's journal is on another device, so it cannot be checked. Turn "
+                     b"journaling off on a Mac (diskutil disableJournal), then try again.",
+        "damaged": b"the volume's journal information is damaged, so the journal cannot be "
+                   b"checked. Repair the volume on a Mac (First Aid in Disk Utility), then try again.",
+        "inconsistent": b"the volume is marked inconsistent. Repair it (fsck.hfsplus, or First Aid "
+                        b"in Disk Utility on a Mac), then try again.",
+        "unmounted": b"the volume was not cleanly unmounted: it may be mounted elsewhere, for "
+                     b"example under another name of the same device, or damaged. Unmount it "
+                     b"everywhere, or repair it (fsck.hfsplus, or First Aid in Disk Utility on a "
+                     b"Mac), then try again.",
+    }
+
+    def assert_refused(self, image, why, label):
+        before = digest(image)
+        result = tool(image, "Renamed")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stdout, b"")
+        self.assertEqual(result.stderr, b"Refusing to change the label: " + self.WHY[why] + b"\n")
+        self.assertEqual(digest(image), before, "a refused change wrote to the volume")
+        self.assert_prints(image, unicodedata.normalize("NFC", label))
+        self.assert_prints(image, hfs_decomposed(label), mode="raw")
+
+    def test_unsafe_states_refuse_a_change_and_still_print(self):
+        cases = [
+            (["--software-lock"], "locked"),
+            (["--journal", "dirty"], "dirty"),
+            (["--journal", "dirty", "--journal-byte-order", "big", "--block-size", 512], "dirty"),
+            (["--journal", "other-device"], "elsewhere"),
+            (["--journal", "damaged"], "damaged"),
+            (["--inconsistent"], "inconsistent"),
+            (["--not-unmounted"], "unmounted"),
+            (["--not-unmounted", "--journal", "dirty", "--inconsistent"], "dirty"),
+        ]
+        for options, why in cases:
+            with self.subTest(options=options):
+                image = self.path()
+                build(image, "Caf\u00e9 state", "--size", 8 << 20, "--files", 30, *options)
+                self.assert_refused(image, why, "Caf\u00e9 state")
+
+    def test_clean_and_uninitialised_journals_allow_a_change(self):
+        for journal, order in (("clean", "little"), ("clean", "big"), ("uninitialised", "little")):
+            with self.subTest(journal=journal, order=order):
+                image = self.path()
+                info = build(image, "Journaled", "--size", 8 << 20, "--files", 30, "--journal", journal,
+                             "--journal-byte-order", order)
+                journal_blocks = [(j["start"] * 4096, (j["start"] + j["blocks"]) * 4096)
+                                  for j in info["journal"].values()]
+                before = contents(image)
+                result = tool(image, "R\u00e9nam\u00e9")
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+                check(self, image)
+                self.assert_prints(image, "R\u00e9nam\u00e9")
+                after = contents(image)
+                for lo, hi in journal_blocks + [(0, 4096)]:
+                    self.assertEqual(after[lo:hi], before[lo:hi], "journal or volume header changed")
+
+    def test_xorriso_hybrids_are_software_locked(self):
+        if shutil.which("xorriso") is None:
+            self.skipTest("xorriso is not installed")
+        image = self.path()
+        subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
+                        "--label", "XORRISO VOL", "--files", "3"], check=True, capture_output=True)
+        self.assert_refused(image, "locked", "XORRISO VOL")
 
 
 if __name__ == "__main__":

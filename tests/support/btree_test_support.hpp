@@ -94,6 +94,36 @@ class Image {
   std::vector<uint8_t> header_;
 };
 
+// Bytes of a special file as the image holds them, read or patched before
+// the file is opened (the builder lays each special file out in one extent).
+// `fork_field` is the file's fork data offset in the volume header.
+inline uint64_t file_start(Image& image, size_t fork_field) {
+  const uint8_t* fork_data = image.volume_header() + fork_field;
+  return uint64_t{load_be32(fork_data + forkdata::kExtents)} *
+         load_be32(image.volume_header() + vh::kBlockSize);
+}
+inline std::vector<uint8_t> read_file(Image& image, size_t fork_field, uint64_t offset, size_t n) {
+  std::vector<uint8_t> out(n);
+  const int fd = ::open(image.path().c_str(), O_RDONLY);
+  EXPECT_EQ(pread(fd, out.data(), n, static_cast<off_t>(file_start(image, fork_field) + offset)),
+            static_cast<ssize_t>(n));
+  ::close(fd);
+  return out;
+}
+inline void patch_file(Image& image, size_t fork_field, uint64_t offset,
+                       const std::vector<uint8_t>& bytes) {
+  const int fd = ::open(image.path().c_str(), O_RDWR);
+  EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(),
+                   static_cast<off_t>(file_start(image, fork_field) + offset)),
+            static_cast<ssize_t>(bytes.size()));
+  ::close(fd);
+}
+inline std::vector<uint8_t> be32(uint32_t v) {
+  std::vector<uint8_t> out(4);
+  store_be32(out.data(), v);
+  return out;
+}
+
 // The volume checker limited to B-tree structure and key order.
 inline std::string check_structure(const std::string& path) {
   return morv_test::check_image(path, "--structure-only");
@@ -186,9 +216,15 @@ inline morv_err delete_key(morv_btree* tree, const uint8_t* key) {
   return err;
 }
 
+// Read node by node: a read takes a cache reference per sector and gives
+// back one per cache item.
 inline std::vector<uint8_t> read_fork(morv_btree* tree, uint64_t offset, size_t size) {
   std::vector<uint8_t> out(size);
-  EXPECT_EQ(morv_fork_read(tree->fork, offset, out.data(), size, nullptr), MORV_OK);
+  for (size_t done = 0; done < size;) {
+    const size_t n = std::min<size_t>(size - done, tree->node_size - (offset + done) % tree->node_size);
+    EXPECT_EQ(morv_fork_read(tree->fork, offset + done, out.data() + done, n, nullptr), MORV_OK);
+    done += n;
+  }
   return out;
 }
 

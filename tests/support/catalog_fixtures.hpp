@@ -35,6 +35,25 @@ inline std::u16string key_name(const uint8_t* key) {
   return name;
 }
 
+// Path components for morv_catalog_search_by_path, big-endian.
+struct Path {
+  std::vector<std::u16string> parts;
+  size_t next = 0;
+  static morv_err source(void* context, uint16_t* destination, size_t capacity, size_t* length) {
+    auto* path = static_cast<Path*>(context);
+    if (path->next == path->parts.size()) {
+      *length = 0;
+      return MORV_OK;
+    }
+    const std::u16string& part = path->parts[path->next++];
+    if (part.size() > capacity) return MORV_ERR_INVALID_ARGUMENT;
+    for (size_t i = 0; i < part.size(); ++i)
+      store_be16(reinterpret_cast<uint8_t*>(destination + i), part[i]);
+    *length = part.size();
+    return MORV_OK;
+  }
+};
+
 // A catalog opened over a builder image (read/write), with its own device.
 struct OpenCatalog {
   explicit OpenCatalog(const std::string& args) {

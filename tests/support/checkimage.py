@@ -69,6 +69,19 @@ CNID_ALLOCATION, CNID_STARTUP, CNID_ATTRIBUTES = 6, 7, 8
 FIRST_USER_CNID = 16
 FORK_DATA, FORK_RSRC = 0x00, 0xFF
 
+# File records: BSD fileMode and special (a hard link's iNodeNum, an indirect
+# node's link count), Finder fdType and fdCreator, the two forks.
+FILE_MODE_AT, FILE_SPECIAL_AT = 42, 44
+FILE_TYPE_AT, FILE_CREATOR_AT = 48, 52
+DATA_FORK_AT, RSRC_FORK_AT = 88, 168
+HARD_LINK = (b"hlnk", b"hfs+")
+SYMLINK = (b"slnk", b"rhap")
+S_IFMT, S_IFLNK = 0o170000, 0o120000
+# Hard links point at indirect node files "iNode<iNodeNum>" in this folder
+# of the root.
+PRIVATE_FOLDER = (0, 0, 0, 0) + tuple(ord(c) for c in "HFS+ Private Data")
+INODE_NAME = re.compile(r"iNode([0-9]+)")
+
 # Special-file fork data in the volume header: (CNID, name, offset).
 SPECIAL_FORKS = (
     (CNID_ALLOCATION, "allocation file", 112),
@@ -399,6 +412,11 @@ class Volume:
         if len(bitmap) * 8 < total_nodes:
             r.add("%s node bitmap" % tag, "covers %d nodes, fewer than totalNodes %d"
                   % (len(bitmap) * 8, total_nodes))
+        past = [n for n in range(total_nodes, len(bitmap) * 8) if bitmap[n >> 3] & (0x80 >> (n & 7))]
+        if past:
+            # A grown tree would take these nodes for used ones.
+            r.add("%s node bitmap" % tag, "nodes past totalNodes %d marked: %s"
+                  % (total_nodes, fmt_runs(runs(past))))
         marked = bits_of(bitmap, nnodes)
         expect = bytearray(nnodes)
         for n in in_use:
@@ -747,7 +765,58 @@ class Volume:
         if ids and self.next_cnid <= max(ids):
             r.add("volume header", "nextCatalogID %d is not above the highest CNID %d" % (self.next_cnid, max(ids)))
         self.catalog_extents = extents
+        self.check_links(files, folders)
         return files
+
+    def check_links(self, files, folders):
+        """Hard-link and symbolic-link file records.  A hard link ("hlnk"
+        "hfs+") has empty forks and names, by its iNodeNum, an indirect node
+        file in the root's private folder, whose link count is the number of
+        links naming it.  A symbolic link ("slnk" "rhap") holds its target,
+        at least one byte and no NUL, in its data fork, none in its resource
+        fork, and its fileMode (when set) says symbolic link."""
+        r = self.r
+        private = [c for c, f in folders.items() if f[0] == CNID_ROOT and f[1] == PRIVATE_FOLDER]
+        inodes = {}       # iNodeNum -> [link count, links seen, where]
+        for cnid, (parent, name, _node, data) in files.items():
+            number = INODE_NAME.fullmatch(name_text(name))
+            if private and parent == private[0] and number:
+                where = "catalog file %d (%d, %r)" % (cnid, parent, name_text(name))
+                inodes[int(number.group(1))] = [be32(data, FILE_SPECIAL_AT), 0, where]
+        for cnid, (parent, name, _node, data) in files.items():
+            where = "catalog file %d (%d, %r)" % (cnid, parent, name_text(name))
+            kind = (bytes(data[FILE_TYPE_AT:FILE_TYPE_AT + 4]),
+                    bytes(data[FILE_CREATOR_AT:FILE_CREATOR_AT + 4]))
+            mode = be16(data, FILE_MODE_AT)
+            if mode and ((mode & S_IFMT) == S_IFLNK) != (kind == SYMLINK):
+                r.add(where, "fileMode 0%o disagrees with fdType %r fdCreator %r"
+                      % (mode, kind[0].decode("latin-1"), kind[1].decode("latin-1")))
+            if kind == HARD_LINK:
+                for label, at in (("data", DATA_FORK_AT), ("resource", RSRC_FORK_AT)):
+                    if be64(data, at) or be32(data, at + 12):
+                        r.add(where, "hard link has a non-empty %s fork" % label)
+                number = be32(data, FILE_SPECIAL_AT)
+                if number in inodes:
+                    inodes[number][1] += 1
+                else:
+                    r.add(where, "hard link names iNode%d, which is not in %s"
+                          % (number, "the private metadata folder" if private
+                             else "a private metadata folder: the root has none"))
+            elif kind == SYMLINK:
+                self.check_symlink_target(where, data)
+        for number, (count, links, where) in sorted(inodes.items()):
+            if count != links:
+                r.add(where, "link count %d, but %d hard links name it" % (count, links))
+
+    def check_symlink_target(self, where, data):
+        fd = ForkData(data[DATA_FORK_AT:DATA_FORK_AT + 80], "symbolic link")
+        if be64(data, RSRC_FORK_AT) or be32(data, RSRC_FORK_AT + 12):
+            self.r.add(where, "symbolic link has a non-empty resource fork")
+        if fd.logical_size == 0:
+            self.r.add(where, "symbolic link has no target (empty data fork)")
+        elif fd.logical_size <= sum(c for _, c in fd.extents) * self.block_size:
+            if b"\0" in self.read_extents(fd.extents, fd.logical_size):
+                self.r.add(where, "symbolic link target holds a NUL byte")
 
     # ---------------------------------------------------------- allocation
     def check_allocation(self, files):

@@ -75,6 +75,7 @@ class ForkImage {
     for (size_t i = 0; i < disk.size(); ++i) disk[i] = static_cast<uint8_t>(i * 7 + i / 509);
     file.write_all(disk);
     store_be32(header + vh::kBlockSize, block_size);
+    store_be32(header + vh::kTotalBlocks, 1u << 20);  // room for every fork a test places
     uint32_t total = 0;
     for (size_t i = 0; i < extents_.size(); ++i) {
       store_be32(fork_data + forkdata::kExtents + 8 * i, extents_[i].start);

@@ -14,9 +14,12 @@ damage exactly one structure and leave the rest consistent.
 Layout choices made here (all allowed by the format):
   * allocation blocks in order: reserved blocks covering bytes 0..1535 (boot
     blocks and volume header), allocation file, extents overflow file, catalog
-    fragments separated by one free block, then the one-block extents of the
-    fragmented files, each followed by a free block; the block(s) holding the
-    last 1024 bytes of totalBlocks x blockSize are allocated;
+    fragments separated by one free block, with --journal the journal info
+    block and the journal (64 KiB in whole blocks), then the one-block extents
+    of the fragmented files, each followed by a free block; the block(s)
+    holding the last 1024 bytes of totalBlocks x blockSize are allocated;
+  * with --journal the info block and the journal are the data forks of the
+    root's files .journal_info_block and .journal, as on a Mac;
   * the alternate volume header is written 1024 bytes before the end of the
     image and, when the size is not a multiple of the block size, also 1024
     bytes before the end of the last allocation block;
@@ -37,7 +40,11 @@ Layout choices made here (all allowed by the format):
     (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
   * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
 --info prints a JSON summary (tree depths, node counts, root node numbers,
-catalog extents) for tests that need to know the shape they got.
+catalog extents) for tests that need to know the shape they got; with
+--info-entries it also lists every folder and file (path, CNID, size, SHA-256
+of the data fork).  --file-data fills the blocks of the fragmented files with
+a pattern naming the file and the block (see file_block), so that a reader
+that maps a fork block to the wrong place reads the wrong bytes.
 Errors go to stderr with exit status 1.
 """
 
@@ -84,6 +91,28 @@ VOLUME_UNMOUNTED = 1 << 8
 HAS_FOLDER_COUNT = 0x10
 FILE_THREAD_EXISTS = 0x02
 
+# ---- Volume state: attribute bits and the journal (--journal and friends).
+VOLUME_INCONSISTENT = 1 << 11
+VOLUME_JOURNALED = 1 << 13
+VOLUME_SOFTWARE_LOCK = 1 << 15
+LAST_MOUNTED_JOURNALED = 0x4846534A      # "HFSJ": last mounted by a journaling Mac
+# JournalInfoBlock (big-endian, 180 bytes): flags u32, device_signature
+# 32 bytes, offset u64 (journal's byte offset in the volume), size u64.
+JIB = struct.Struct(">I32sQQ128x")
+JIB_IN_FS = 0x1
+JIB_ON_OTHER_DEVICE = 0x2
+JIB_NEED_INIT = 0x4
+# journal_header, in the byte order of the Mac that wrote it: magic, endian
+# marker, start, end, size (u64 each), blhdr_size, checksum, jhdr_size.
+JOURNAL_MAGIC = 0x4A4E4C78               # "JNLx"
+JOURNAL_ENDIAN = 0x12345678
+JOURNAL_HEADER_SIZE = 512                 # jhdr_size: the header's sector
+JOURNAL_BLOCK_LIST_SIZE = 4096            # blhdr_size
+JOURNAL_BYTES = 65536                     # the journal file, rounded up to whole blocks
+JOURNAL_STATES = ("clean", "uninitialised", "dirty", "other-device", "damaged")
+JOURNAL_INFO_NAME = ".journal_info_block"
+JOURNAL_NAME = ".journal"
+
 # 2024-01-01 00:00:00 UTC in HFS+ time (seconds since 1904-01-01).
 HFS_TIME = 1704067200 + 2082844800
 
@@ -91,7 +120,15 @@ CORRUPTIONS = (
     "bad-signature", "header-kind", "header-records", "btree-type",
     "extents-btree-type", "index-self", "index-beyond", "index-cycle",
     "offsets-order", "no-root-thread", "long-root-name",
+    # Records whose sizes disagree with their contents, and forks and
+    # volumes larger than what holds them.
+    "root-name-length", "root-thread-name-length", "root-folder-no-data", "root-thread-no-data",
+    "catalog-logical-size", "extents-wrap", "extents-short-record",
+    "block-size", "volume-beyond-device",
 )
+
+# The root's private folder, which holds the indirect node files of hard links.
+PRIVATE_FOLDER = "\0\0\0\0HFS+ Private Data"
 
 NODE_DESC = struct.Struct(">IIbBHH")
 EXTENT_KEY = struct.Struct(">HBBII")
@@ -222,11 +259,13 @@ def folder_record(cnid, valence, flags, folder_count):
             + bytes(32) + struct.pack(">II", 0, folder_count))
 
 
-def file_record(cnid, data_fork=None):
+def file_record(cnid, data_fork=None, rsrc_fork=None, special=0, codes=bytes(8), mode=0o100644):
+    """A file record; `special` is permissions.special (an indirect node
+    file's link count, a hard link's iNodeNum), `codes` fdType + fdCreator."""
     return (struct.pack(">HHII5I", REC_FILE, FILE_THREAD_EXISTS, 0, cnid, *([HFS_TIME] * 5))
-            + struct.pack(">IIBBHI", 0, 0, 0, 0, 0o100644, 0)
-            + bytes(32) + struct.pack(">II", 0, 0)
-            + (data_fork or bytes(80)) + bytes(80))
+            + struct.pack(">IIBBHI", 0, 0, 0, 0, mode, special)
+            + codes + bytes(24) + struct.pack(">II", 0, 0)
+            + (data_fork or bytes(80)) + (rsrc_fork or bytes(80)))
 
 
 def thread_record(kind, parent, units):
@@ -241,7 +280,7 @@ class TreePlan:
     and the total node count."""
 
     def __init__(self, key_lens, data_lens, node_size, var_index, max_key_len,
-                 free_nodes, nodes_per_block, min_total=0, rng=None, fill=100):
+                 free_nodes, nodes_per_block, min_total=0, rng=None, fill=100, chain=0):
         ns = node_size
         cap = ns - 14 - 2          # descriptor and the free-space offset
         limit = cap * fill // 100  # a node is filled up to this many bytes
@@ -259,6 +298,10 @@ class TreePlan:
                                  "index records" % ns)
             self.levels.append(groups)
             firsts = [firsts[s] for s, _ in groups]
+        # A valid but absurdly deep tree: index nodes of one record each,
+        # stacked above the root.
+        if sizes:
+            self.levels += [[(0, 1)] for _ in range(chain)]
         if not sizes:
             self.levels = []
         self.used_tree = sum(len(l) for l in self.levels)
@@ -394,6 +437,13 @@ def node_records(buf, ns, node):
 
 # ---------------------------------------------------------------- volume
 
+def file_block(cnid, index, block_size):
+    """Block `index` of the data fork of file `cnid` under --file-data: the
+    two numbers in hex, repeated."""
+    unit = b"%07x:%07x\n" % (cnid, index)
+    return (unit * (block_size // len(unit) + 1))[:block_size]
+
+
 def power_of_two(n):
     return n > 0 and n & (n - 1) == 0
 
@@ -424,6 +474,12 @@ class Volume:
             raise BuildError("--fragmented-files %d exceeds --files %d" % (o.fragmented_files, o.files))
         if o.fragmented_files and o.file_fragments < 1:
             raise BuildError("--fragmented-files needs --file-fragments of at least 1")
+        if min(o.resource_fragments, o.hard_links, o.hard_link_number) < 0 or o.hard_link_number >> 32:
+            raise BuildError("--resource-fragments, --hard-links and --hard-link-number must not be "
+                             "negative, and a link number fits in 32 bits")
+        if o.hard_links and (o.files < 1 or o.hfsx or o.name_length):
+            raise BuildError("--hard-links needs --files 1 or more, no --name-length and no "
+                             "--hfsx (whose binary order cannot place the private folder's name)")
         if o.name_length > 255:
             raise BuildError("--name-length must not exceed 255")
         self.binary = o.hfsx
@@ -467,7 +523,18 @@ class Volume:
             valence[parent] += 1
             names.append((parent, ("File %06d" if i % 2 else "file %06d") % i, "file", cnid))
             cnid += 1
+        self.links = {}
+        self.link_count = {}
+        if o.hard_links:
+            cnid = self.add_hard_links(names, valence, subfolders, folder_ids, cnid)
+        journal = []
+        for role, name in self.journal_files():
+            journal.append((CNID_ROOT, name, role, cnid))
+            valence[CNID_ROOT] += 1
+            cnid += 1
         self.next_cnid = cnid
+        self.names = names
+        self.journal_names = journal
         longest = max((len(n[1]) for n in names), default=0)
         if o.name_length and o.name_length < longest:
             raise BuildError("--name-length %d is shorter than the generated names (%d units)"
@@ -489,15 +556,43 @@ class Volume:
             entries.append((order(parent, name), catalog_key(parent, name),
                             folder_record(cid, valence[cid], HAS_FOLDER_COUNT if hfsx else 0,
                                           subfolders[cid] if hfsx else 0)
-                            if kind == "folder" else ("file", cid)))
+                            if kind == "folder" else (kind, cid)))
             entries.append(((cid, ""), catalog_key(cid, ""),
                             thread_record(REC_FOLDER_THREAD if kind == "folder" else REC_FILE_THREAD,
                                           parent, name)))
+        for parent, name, role, cid in journal:
+            entries.append((order(parent, name), catalog_key(parent, name), ("journal", cid, role)))
+            entries.append(((cid, ""), catalog_key(cid, ""),
+                            thread_record(REC_FILE_THREAD, parent, name)))
         entries.sort(key=lambda e: e[0])
         for a, b in zip(entries, entries[1:]):
             if a[0] == b[0]:
                 raise BuildError("two catalog keys compare equal: %r" % (a[1],))
         return entries
+
+    def add_hard_links(self, names, valence, subfolders, folder_ids, cnid):
+        """--hard-links N: the first file becomes the indirect node file
+        "iNode<its CNID>" of the root's private folder, and N link records
+        ("link N" in the root) name it, as Mac OS makes them."""
+        private = cnid
+        names.append((CNID_ROOT, PRIVATE_FOLDER, "folder", private))
+        valence[CNID_ROOT] += 1
+        subfolders[CNID_ROOT] += 1
+        valence[private] = subfolders[private] = 0
+        folder_ids.append(private)
+        first = next(i for i, n in enumerate(names) if n[2] == "file")
+        parent, _, _, target = names[first]
+        number = self.o.hard_link_number or target
+        names[first] = (private, "iNode%d" % number, "file", target)
+        valence[parent] -= 1
+        valence[private] += 1
+        for j in range(self.o.hard_links):
+            cnid += 1
+            names.append((CNID_ROOT, "link %d" % j, "link", cnid))
+            valence[CNID_ROOT] += 1
+            self.links[cnid] = number
+        self.link_count = {target: self.o.hard_links}
+        return cnid + 1
 
     def catalog_plan(self, entries, free, min_total=0):
         o = self.o
@@ -505,7 +600,38 @@ class Volume:
         return TreePlan([len(e[1]) for e in entries],
                         [248 if isinstance(e[2], tuple) else len(e[2]) for e in entries],
                         ns, True, CATALOG_MAX_KEY, free,
-                        max(1, o.block_size // ns), min_total, self.rng(), o.fill)
+                        max(1, o.block_size // ns), min_total, self.rng(), o.fill,
+                        o.catalog_index_chain)
+
+    def files_for_nodes(self, nodes):
+        """(files, folders) from --files and --folders on whose catalog, with
+        no free node, has exactly `nodes` nodes (--catalog-nodes): the fewest
+        files, with up to four more folders when no file count hits it."""
+        o = self.o
+        base_files, base_folders = o.files, o.folders
+
+        def total(files):
+            return self.catalog_plan(self.catalog_entries(files), 0).total
+        try:
+            for folders in range(base_folders, base_folders + 5):
+                o.folders = folders
+                lo = hi = base_files
+                while total(hi) < nodes:
+                    if hi > 4_000_000:
+                        raise BuildError("--catalog-nodes %d needs more than 4000000 files" % nodes)
+                    lo, hi = hi + 1, max(1, hi * 2)
+                while lo < hi:
+                    mid = (lo + hi) // 2
+                    if total(mid) < nodes:
+                        lo = mid + 1
+                    else:
+                        hi = mid
+                if total(lo) == nodes:
+                    return lo, folders
+        finally:
+            o.folders = base_folders
+        raise BuildError("no file and folder count gives a catalog of exactly %d nodes; "
+                         "try another --name-length or --fill" % nodes)
 
     def files_for_depth(self, depth):
         """Smallest power-of-two-ish file count that gives the catalog this depth."""
@@ -522,6 +648,9 @@ class Volume:
     def build(self):
         o = self.o
         bs = o.block_size
+        if o.catalog_nodes is not None:
+            o.files, o.folders = self.files_for_nodes(o.catalog_nodes)
+            o.free_catalog_nodes = 0
         entries = self.catalog_entries(o.files)
         cat_ns = o.catalog_node_size
         ext_ns = o.extents_node_size
@@ -548,10 +677,14 @@ class Volume:
         # Extents overflow records: catalog fragments past the eighth, then the
         # fragmented files' extents past their eighth.
         ext_count = -(-max(0, nfrag - 8) // 8)
-        frag_files = [e[2][1] for e in entries if isinstance(e[2], tuple)]
+        frag_files = [e[2][1] for e in entries if isinstance(e[2], tuple) and e[2][0] == "file"]
         frag_files = sorted(frag_files)[:o.fragmented_files]
         k = o.file_fragments
-        ext_count += len(frag_files) * (-(-max(0, k - 8) // 8))
+        # --varied-fragments: fragmented file j has 1 + j mod k fragments.
+        counts = {cid: 1 + j % k if o.varied_fragments else k for j, cid in enumerate(frag_files)}
+        rk = o.resource_fragments if frag_files else 0
+        records = lambda n: -(-max(0, n - 8) // 8)
+        ext_count += sum(records(n) + records(rk) for n in counts.values())
         ext_free = o.free_extents_nodes if o.free_extents_nodes is not None else 8
         ext_plan = TreePlan([12] * ext_count, [64] * ext_count, ext_ns, False,
                             EXTENTS_MAX_KEY, ext_free, max(1, bs // ext_ns), 0, self.rng())
@@ -575,15 +708,29 @@ class Volume:
                 blk += 1
             cat_exts.append((blk, s))
             blk += s
+        # The journal's files: one block of info, then the journal itself.
+        journal_exts = {}
+        journal_files = [e[2] for e in entries if isinstance(e[2], tuple) and e[2][0] == "journal"]
+        for _, cid, role in sorted(journal_files, key=lambda f: f[2] != "info"):
+            count = 1 if role == "info" else -(-JOURNAL_BYTES // bs)
+            journal_exts[cid] = (role, blk, count)
+            blk += count
         file_exts = {}
+        rsrc_exts = {}
         if frag_files:
             blk += 1
         for cid in frag_files:
             file_exts[cid] = []
-            for _ in range(k):
+            for _ in range(counts[cid]):
                 file_exts[cid].append((blk, 1))
                 blk += 2
+            rsrc_exts[cid] = []
+            for _ in range(rk):
+                rsrc_exts[cid].append((blk, 1))
+                blk += 2
         used += cat_exts + [e for v in file_exts.values() for e in v]
+        used += [e for v in rsrc_exts.values() for e in v]
+        used += [(s, c) for _, s, c in journal_exts.values()]
         # The last 1024 bytes of the blocks hold the alternate volume header
         # (and a reserved sector); they are always allocated.
         alt_first = (tb * bs - 1024) // bs
@@ -600,15 +747,16 @@ class Volume:
         # Extents overflow records.
         ext_recs = []
 
-        def overflow(file_id, extents):
+        def overflow(file_id, extents, fork_type=0):
             for start in range(8, len(extents), 8):
                 fork_block = sum(c for _, c in extents[:start])
-                ext_recs.append((EXTENT_KEY.pack(10, 0, 0, file_id, fork_block),
+                ext_recs.append((EXTENT_KEY.pack(10, fork_type, 0, file_id, fork_block),
                                  fork_data(0, 0, 0, extents[start:start + 8])[16:]))
 
         overflow(CNID_CATALOG, cat_exts)
         for cid in frag_files:
             overflow(cid, file_exts[cid])
+            overflow(cid, rsrc_exts[cid], 0xFF)
         ext_recs.sort(key=lambda r: struct.unpack(">IBI", r[0][4:8] + r[0][2:3] + r[0][8:12]))
         assert len(ext_recs) == ext_count
 
@@ -617,16 +765,21 @@ class Volume:
         datas = []
         for _, key, data in entries:
             keys.append(key)
-            if isinstance(data, tuple):
+            if isinstance(data, tuple) and data[0] == "link":
+                data = file_record(data[1], special=self.links[data[1]], codes=b"hlnkhfs+", mode=0)
+            elif isinstance(data, tuple) and data[0] == "journal":
+                _, start, count = journal_exts[data[1]]
+                data = file_record(data[1], fork_data(count * bs, bs, count, [(start, count)]))
+            elif isinstance(data, tuple):
                 cid = data[1]
-                exts = file_exts.get(cid)
-                fork = fork_data(len(exts) * bs, bs, len(exts), exts) if exts else None
-                data = file_record(cid, fork)
+                forks = [fork_data(len(e) * bs, bs, len(e), e) if e else None
+                         for e in (file_exts.get(cid), rsrc_exts.get(cid))]
+                data = file_record(cid, *forks, special=self.link_count.get(cid, 0))
             datas.append(data)
 
         cat = serialize_tree(cat_plan, keys, datas, True, CATALOG_MAX_KEY,
                              COMPARE_BINARY if self.binary else COMPARE_CASE_FOLDING,
-                             BT_BIG_KEYS | BT_VARIABLE_INDEX_KEYS, cat_ns)
+                             BT_BIG_KEYS | BT_VARIABLE_INDEX_KEYS, self.catalog_clump())
         ext = serialize_tree(ext_plan, [r[0] for r in ext_recs], [r[1] for r in ext_recs],
                              False, EXTENTS_MAX_KEY, 0, BT_BIG_KEYS, ext_ns)
 
@@ -638,6 +791,7 @@ class Volume:
             in_use += count
         self.free_blocks = tb - in_use
 
+        self.file_exts = file_exts
         self.forks = {
             "allocation": (alloc_blocks * bs, alloc_blocks, [alloc_ext]),
             "extents": (ext_plan.total * ext_ns, ext_blocks, [ext_ext]),
@@ -645,8 +799,9 @@ class Volume:
         }
         self.cat_plan, self.ext_plan = cat_plan, ext_plan
         self.cat, self.ext, self.bitmap = cat, ext, bitmap
-        self.file_count = o.files
-        self.folder_count = o.folders
+        self.file_count = o.files + o.hard_links + len(journal_exts)
+        self.journal_exts = {role: (s, c) for role, s, c in journal_exts.values()}
+        self.folder_count = o.folders + (1 if o.hard_links else 0)
         self.apply_tree_corruption()
         return self
 
@@ -719,8 +874,110 @@ class Volume:
                     break
             else:
                 raise BuildError("no leaf node has two records to put out of order")
+        elif c == "root-name-length":
+            # The name length claims more units than keyLength holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns,
+                                     catalog_key(CNID_ROOT_PARENT, self.label))
+            if len(self.label) >= 255:
+                raise BuildError("--corrupt root-name-length needs a label shorter than 255 units")
+            struct.pack_into(">H", self.cat, at + 6, 255)
+        elif c == "root-thread-name-length":
+            # The root's thread names more units than the record holds.
+            at, _ = self.leaf_record(self.cat, self.cat_plan, ns, catalog_key(CNID_ROOT, ""))
+            struct.pack_into(">H", self.cat, at + 8 + 8, 255)
+        elif c in ("root-folder-no-data", "root-thread-no-data"):
+            # keyLength covers the whole record, leaving no data bytes.
+            key = (catalog_key(CNID_ROOT_PARENT, self.label) if c == "root-folder-no-data"
+                   else catalog_key(CNID_ROOT, ""))
+            at, size = self.leaf_record(self.cat, self.cat_plan, ns, key)
+            struct.pack_into(">H", self.cat, at, size - 2)
+        elif c == "extents-wrap":
+            # The catalog's first overflow record: eight extents that add up to
+            # exactly 2^32 blocks.
+            at, _ = self.leaf_record(self.ext, self.ext_plan, self.o.extents_node_size,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            start = struct.unpack_from(">I", self.ext, at + 12)[0]
+            for i in range(8):
+                struct.pack_into(">II", self.ext, at + 12 + 8 * i, start, 1 << 29)
+        elif c == "extents-short-record":
+            # The catalog's first overflow record keeps 32 of its 64 bytes.
+            ens = self.o.extents_node_size
+            at, _ = self.leaf_record(self.ext, self.ext_plan, ens,
+                                     struct.pack(">HBBI", EXTENTS_MAX_KEY, 0, 0, CNID_CATALOG))
+            node, off = divmod(at, ens)
+            n = struct.unpack_from(">H", self.ext, node * ens + 10)[0]
+            if node_records(self.ext, ens, node)[-1] != off:
+                raise BuildError("--corrupt extents-short-record: the record is not its node's last")
+            struct.pack_into(">H", self.ext, node * ens + ens - 2 * (n + 1), off + 12 + 32)
+
+    @staticmethod
+    def leaf_record(buf, plan, ns, key):
+        """Byte position in `buf` and size of the first leaf record whose key
+        begins with the bytes `key`."""
+        for node in plan.numbers[0] if plan.levels else []:
+            offs = node_records(buf, ns, node)
+            base = node * ns
+            ends = offs[1:] + [struct.unpack_from(">H", buf, base + ns - 2 * (len(offs) + 1))[0]]
+            for off, end in zip(offs, ends):
+                if bytes(buf[base + off:base + off + len(key)]) == key:
+                    return base + off, end - off
+        raise BuildError("--corrupt: no leaf record with the key it damages (the extents "
+                         "overflow corruptions need --catalog-fragments 9 or more)")
+
+    # ---- volume state: attribute bits and the journal
+
+    def attributes(self):
+        o = self.o
+        bits = 0 if o.not_unmounted else VOLUME_UNMOUNTED
+        bits |= VOLUME_INCONSISTENT if o.inconsistent else 0
+        bits |= VOLUME_SOFTWARE_LOCK if o.software_lock else 0
+        bits |= VOLUME_JOURNALED if o.journal else 0
+        return bits
+
+    def journal_files(self):
+        """(role, name) of the root's journal files: the info block always,
+        the journal unless it lives on another device."""
+        if not self.o.journal:
+            return []
+        files = [("info", JOURNAL_INFO_NAME)]
+        if self.o.journal != "other-device":
+            files.append(("journal", JOURNAL_NAME))
+        return files
+
+    def journal_blocks(self):
+        """(byte offset, bytes) of the journal info block and journal header."""
+        o = self.o
+        if not o.journal:
+            return []
+        bs = o.block_size
+        info_start = self.journal_exts["info"][0]
+        if o.journal == "other-device":
+            return [(info_start * bs, JIB.pack(JIB_ON_OTHER_DEVICE, bytes(32), 0, 0))]
+        start, count = self.journal_exts["journal"]
+        flags = JIB_IN_FS | (JIB_NEED_INIT if o.journal == "uninitialised" else 0)
+        blocks = [(info_start * bs, JIB.pack(flags, bytes(32), start * bs, count * bs))]
+        if o.journal in ("clean", "dirty"):
+            blocks.append((start * bs, self.journal_header(count * bs)))
+        return blocks
+
+    def journal_header(self, size):
+        """A journal header in the chosen byte order; a dirty journal holds
+        one transaction (start != end)."""
+        order = "<" if self.o.journal_byte_order == "little" else ">"
+        layout = struct.Struct(order + "IIQQQIII")
+        end = JOURNAL_HEADER_SIZE + (JOURNAL_BLOCK_LIST_SIZE if self.o.journal == "dirty" else 0)
+        fields = [JOURNAL_MAGIC, JOURNAL_ENDIAN, JOURNAL_HEADER_SIZE, end, size,
+                  JOURNAL_BLOCK_LIST_SIZE, 0, JOURNAL_HEADER_SIZE]
+        fields[6] = journal_checksum(layout.pack(*fields))
+        return layout.pack(*fields)
 
     # ---- output
+
+    def catalog_clump(self):
+        o = self.o
+        if o.catalog_clump_size is not None:
+            return o.catalog_clump_size
+        return max(o.catalog_node_size, o.block_size)
 
     def volume_header(self):
         o = self.o
@@ -733,18 +990,27 @@ class Volume:
         forks = b""
         for name in ("allocation", "extents", "catalog"):
             size, blocks, exts = self.forks[name]
-            clump = {"allocation": bs, "extents": o.extents_node_size,
-                     "catalog": o.catalog_node_size}[name]
-            forks += fork_data(size, max(clump, bs), blocks, exts)
+            clump = {"allocation": bs, "extents": max(o.extents_node_size, bs),
+                     "catalog": self.catalog_clump()}[name]
+            forks += fork_data(size, clump, blocks, exts)
         forks += bytes(160)
-        hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, VOLUME_UNMOUNTED,
-                                 0x3130_2E30, 0, HFS_TIME, HFS_TIME, 0, HFS_TIME,
+        info_block = self.journal_exts.get("info", (0, 0))[0]
+        hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, self.attributes(),
+                                 LAST_MOUNTED_JOURNALED if o.journal else 0x3130_2E30,
+                                 info_block, HFS_TIME, HFS_TIME, 0, HFS_TIME,
                                  self.file_count, self.folder_count, bs, self.total_blocks,
                                  self.free_blocks, self.next_allocation, 16 * bs, 16 * bs,
                                  self.next_cnid, 1, 1)
                + finder + forks)
         assert len(hdr) == 512, len(hdr)
-        return hdr
+        hdr = bytearray(hdr)
+        if o.corrupt == "catalog-logical-size":
+            struct.pack_into(">Q", hdr, 272, 1 << 42)  # catalogFile.logicalSize: 4 TiB
+        elif o.corrupt == "block-size":
+            struct.pack_into(">I", hdr, 40, bs + bs // 2)  # not a power of two
+        elif o.corrupt == "volume-beyond-device":
+            struct.pack_into(">I", hdr, 44, 2 * self.total_blocks)
+        return bytes(hdr)
 
     def write(self, path):
         o = self.o
@@ -766,6 +1032,14 @@ class Volume:
                 for start, count in self.forks[name][2]:
                     write_sparse(f, start * bs, data[pos:pos + count * bs])
                     pos += count * bs
+            for at, data in self.journal_blocks():
+                f.seek(at)
+                f.write(data)
+            if o.file_data:
+                for cid, exts in self.file_exts.items():
+                    for index, (start, _count) in enumerate(exts):
+                        f.seek(start * bs)
+                        f.write(file_block(cid, index, bs))
 
     def info(self):
         def tree(plan):
@@ -775,7 +1049,59 @@ class Volume:
         return {"total_blocks": self.total_blocks, "free_blocks": self.free_blocks,
                 "catalog": tree(self.cat_plan), "extents": tree(self.ext_plan),
                 "catalog_extents": self.forks["catalog"][2],
-                "next_catalog_id": self.next_cnid}
+                "next_catalog_id": self.next_cnid,
+                "journal": {role: {"start": s, "blocks": c}
+                            for role, (s, c) in self.journal_exts.items()}}
+
+
+    def entries(self):
+        """Every folder and file below the root: path from the root (names
+        as generated, "/" between them), CNID, and for files the data fork's
+        size and SHA-256 (of zeros unless --file-data wrote the blocks)."""
+        bs = self.o.block_size
+        pad = self.o.name_length
+        named = {cid: (parent, name.ljust(pad, "x") if pad else name, kind)
+                 for parent, name, kind, cid in self.names}
+
+        def path(cid):
+            parts = []
+            while cid != CNID_ROOT:
+                parent, name, _ = named[cid]
+                parts.append(name)
+                cid = parent
+            return "/" + "/".join(reversed(parts))
+
+        out = []
+        for _, _, kind, cid in self.names:
+            entry = {"path": path(cid), "cnid": cid, "type": kind}
+            if kind == "link":
+                entry["number"] = self.links[cid]
+            if kind == "file":
+                exts = self.file_exts.get(cid, [])
+                digest = hashlib.sha256()
+                for index in range(len(exts)):
+                    digest.update(file_block(cid, index, bs) if self.o.file_data else bytes(bs))
+                entry["size"] = len(exts) * bs
+                entry["sha256"] = digest.hexdigest()
+            out.append(entry)
+        for _, name, role, cid in self.journal_names:
+            start, count = self.journal_exts[role]
+            data = bytearray(count * bs)
+            for at, block in self.journal_blocks():
+                if start * bs <= at < (start + count) * bs:
+                    data[at - start * bs:at - start * bs + len(block)] = block
+            out.append({"path": "/" + name, "cnid": cid, "type": "file", "size": len(data),
+                        "sha256": hashlib.sha256(data).hexdigest()})
+        return out
+
+
+def journal_checksum(header):
+    """The journal header's checksum: the header bytes folded as Apple's
+    journal code does, with the checksum field zero, then inverted."""
+    c = 0
+    for b in header:
+        c = ((c << 8) ^ (c + b)) & 0xFFFFFFFF
+    return ~c & 0xFFFFFFFF
 
 
 def set_bits(bitmap, start, count):
@@ -827,12 +1153,35 @@ def parse_args(argv):
                    help="free extents overflow nodes (default 8, rounded up to whole blocks)")
     p.add_argument("--fragmented-files", type=int, default=0)
     p.add_argument("--file-fragments", type=int, default=0)
+    p.add_argument("--varied-fragments", action="store_true",
+                   help="fragmented file j has 1 + j mod --file-fragments one-block fragments "
+                   "(default: every one has --file-fragments)")
+    p.add_argument("--resource-fragments", type=int, default=0,
+                   help="every fragmented file also has a resource fork of this many one-block "
+                   "fragments")
+    p.add_argument("--hard-links", type=int, default=0,
+                   help="the first file becomes the indirect node file iNode<CNID> of the root's "
+                   "private folder, named by this many hard links \"link N\" in the root")
+    p.add_argument("--hard-link-number", type=int, default=0,
+                   help="the hard links carry this number and their file is iNode<number>, as "
+                   "Linux makes them (default: the file's CNID, as Mac OS does)")
     p.add_argument("--nesting", type=int, default=1,
                    help="folders form chains of this many, each inside the previous "
                    "(default 1: all folders directly in the root)")
     p.add_argument("--name-length", type=int, default=0)
     p.add_argument("--fill", type=int, default=100,
                    help="fill catalog nodes up to this percentage of their room (default 100)")
+    p.add_argument("--catalog-index-chain", type=int, default=0, metavar="N",
+                   help="stack N index nodes of one record each above the catalog's root")
+    p.add_argument("--catalog-nodes", type=int, default=None,
+                   help="generate files (from --files on) until the catalog has exactly this "
+                   "many nodes, none free")
+    p.add_argument("--catalog-clump-size", type=int, default=None,
+                   help="clumpSize of the catalog (bytes; default the larger of node and "
+                   "block size)")
+    p.add_argument("--free-blocks", type=int, default=None,
+                   help="shrink the volume from --size until exactly this many allocation "
+                   "blocks are free (one run, before the alternate header)")
     p.add_argument("--corrupt", choices=CORRUPTIONS)
     p.add_argument("--scatter-nodes", action="store_true",
                    help="place the B-tree nodes at random node numbers (see --seed), "
@@ -841,20 +1190,63 @@ def parse_args(argv):
                    help="seed of --scatter-nodes; also varies the volume UUID")
     p.add_argument("--info", action="store_true",
                    help="print a JSON summary of the layout on stdout")
+    state = p.add_argument_group(
+        "volume state", "attribute bits of the volume header and a journal (the states in "
+        "which a change of the volume is unsafe)")
+    state.add_argument("--not-unmounted", action="store_true",
+                       help="clear the unmounted bit (8): not cleanly unmounted")
+    state.add_argument("--inconsistent", action="store_true",
+                       help="set the boot-volume-inconsistent bit (11)")
+    state.add_argument("--software-lock", action="store_true",
+                       help="set the software lock bit (15)")
+    state.add_argument("--journal", choices=JOURNAL_STATES,
+                       help="set the journaled bit (13) and add the root's %s and %s files: "
+                       "clean (start = end), uninitialised (the info block asks for "
+                       "initialisation; no header), dirty (start != end: transactions not "
+                       "replayed), other-device (the info block puts the journal on another "
+                       "device; no %s file), damaged (no header where the info block points)"
+                       % (JOURNAL_INFO_NAME, JOURNAL_NAME, JOURNAL_NAME))
+    state.add_argument("--journal-byte-order", choices=("little", "big"), default="little",
+                       help="byte order of the journal header (default little, as Intel and "
+                       "Apple silicon Macs write it; PowerPC Macs write big)")
+    p.add_argument("--info-entries", action="store_true",
+                   help="with --info, also list every folder and file (path, CNID, "
+                   "type, size and SHA-256 of the data fork)")
+    p.add_argument("--file-data", action="store_true",
+                   help="write a pattern naming the file and block into every block "
+                   "of the fragmented files (default: the blocks read as zeros)")
     o = p.parse_args(argv)
     if not 10 <= o.fill <= 100:
         p.error("--fill must be between 10 and 100")
-    for name in ("free_catalog_nodes", "free_extents_nodes"):
+    for name in ("free_catalog_nodes", "free_extents_nodes", "catalog_nodes",
+                 "catalog_clump_size", "free_blocks"):
         v = getattr(o, name)
         if v is not None and v < 0:
             p.error("--%s must not be negative" % name.replace("_", "-"))
     return o
 
 
+def fit_free_blocks(o, vol):
+    """--free-blocks: rebuild with fewer blocks until exactly that many are
+    free (the allocation file may shrink on the way)."""
+    for _ in range(8):
+        extra = vol.free_blocks - o.free_blocks
+        if extra == 0:
+            return vol
+        if extra < 0:
+            raise BuildError("--size %d leaves only %d free blocks, fewer than --free-blocks %d"
+                             % (o.size, vol.free_blocks, o.free_blocks))
+        o.size = (vol.total_blocks - extra) * o.block_size
+        vol = Volume(o).build()
+    raise BuildError("no volume size leaves exactly %d free blocks" % o.free_blocks)
+
+
 def main(argv=None):
     o = parse_args(argv)
     try:
         vol = Volume(o).build()
+        if o.free_blocks is not None:
+            vol = fit_free_blocks(o, vol)
         vol.write(o.out)
     except BuildError as e:
         print("mkimage: %s" % e, file=sys.stderr)
@@ -863,7 +1255,10 @@ def main(argv=None):
         print("mkimage: %s: %s" % (o.out, e.strerror or e), file=sys.stderr)
         return 1
     if o.info:
-        print(json.dumps(vol.info()))
+        info = vol.info()
+        if o.info_entries:
+            info["entries"] = vol.entries()
+        print(json.dumps(info))
     return 0
 
 

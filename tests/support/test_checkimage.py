@@ -234,7 +234,17 @@ class BuilderVolumes(CheckerTestCase):
                     struct.pack_into(">I", img.data, rec + 88 + 16, cat_block)
                     return
 
+        def node_past_total(img):
+            total = be32(img.data, img.cat + 14 + 22)
+            img.data[img.node_bitmap_byte(total)] |= 0x80 >> (total % 8)
+
+        def alternate_extents(img):
+            end = be32(img.data, 1024 + 44) * img.bs
+            img.add32(end - 1024 + 272 + 20, 1)   # the catalog's first blockCount
+
         cases = [
+            (node_past_total, ["catalog node bitmap: nodes past totalNodes"]),
+            (alternate_extents, ["extents of the catalog file differ"]),
             (overflow_start, ["overflow record at fork block 9, but the fork's earlier extents end at block 8"]),
             (shared_block, ["are also used by"]),
             (leaf_records, ["catalog header: leafRecords"]),
@@ -256,6 +266,42 @@ class BuilderVolumes(CheckerTestCase):
                 self.assertTrue(bytes(img.data) != before, "patch changed nothing")
                 img.save()
                 self.assert_fault(img.path, *fragments)
+
+    def test_link_records_are_checked(self):
+        # Builder files turned into symbolic and hard links by their Finder
+        # type; well-formed links made by the Linux kernel pass (kernel_reader).
+        def files(img, with_data):
+            for key, rec in img.leaf_records():
+                if struct.unpack_from(">H", img.data, rec)[0] == 2 and \
+                        bool(be32(img.data, rec + 88 + 12)) == with_data:
+                    yield rec
+
+        def relabel(rec, kind, mode=None, special=None):
+            img.data[rec + 48:rec + 56] = kind
+            if mode is not None:
+                struct.pack_into(">H", img.data, rec + 42, mode)
+            if special is not None:
+                struct.pack_into(">I", img.data, rec + 44, special)
+
+        cases = [
+            (False, b"slnkrhap", 0o120777, None, ["symbolic link has no target"]),
+            (True, b"slnkrhap", None, None, ["fileMode 0100644 disagrees with fdType 'slnk'"]),
+            (False, b"\0" * 8, 0o120777, None, ["fileMode 0120777 disagrees with fdType"]),
+            (True, b"hlnkhfs+", 0, 7, ["hard link has a non-empty data fork",
+                                       "hard link names iNode7, which is not in a private metadata "
+                                       "folder: the root has none"]),
+        ]
+        for with_data, kind, mode, special, fragments in cases:
+            with self.subTest(kind=kind, mode=mode):
+                img = self.patched("--files", 6, "--fragmented-files", 2, "--file-fragments", 3,
+                                   "--file-data")
+                relabel(next(files(img, with_data)), kind, mode, special)
+                img.save()
+                self.assertEqual(self.assert_fault(img.path, *fragments).count("\n"), len(fragments))
+        img = self.patched("--files", 6, "--fragmented-files", 2, "--file-fragments", 3)
+        relabel(next(files(img, True)), b"slnkrhap", 0o120777)
+        img.save()
+        self.assert_fault(img.path, "symbolic link target holds a NUL byte")
 
     def test_node_bitmap_continues_in_map_nodes(self):
         args = ("--files", 3000, "--catalog-node-size", 512, "--free-catalog-nodes", 40000,

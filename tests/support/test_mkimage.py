@@ -88,9 +88,9 @@ class Image:
         exts = [e for e in struct.iter_unpack(">II", buf[off + 16:off + 80]) if e[1]]
         return size, blocks, exts
 
-    def full_extents(self, fid, exts):
+    def full_extents(self, fid, exts, fork_type=0):
         exts = list(exts)
-        for start, more in sorted(self.overflow.get((fid, 0), [])):
+        for start, more in sorted(self.overflow.get((fid, fork_type), [])):
             assert start == sum(c for _, c in exts), "overflow record out of place"
             exts += more
         return exts
@@ -308,6 +308,30 @@ class MkimageTest(unittest.TestCase):
             rc, out = self.checker(path)
             self.assertEqual(rc, 0, out)
 
+    def test_resource_forks_varied_fragments_and_hard_links(self):
+        # Fragmented file j has 1 + j mod 12 data and 9 resource fragments,
+        # overflow records of both fork types; the first file is the
+        # indirect node file of two hard links that carry its number.
+        path = self.build("r.img", "--size", 8 << 20, "--label", "R", "--files", 14,
+                          "--fragmented-files", 13, "--file-fragments", 12, "--varied-fragments",
+                          "--resource-fragments", 9, "--hard-links", 2, "--hard-link-number", 77)
+        img = Image(path)
+        seen = {}
+        for key, d in img.catalog():
+            if struct.unpack_from(">H", d)[0] != 2:
+                continue
+            cnid, special = struct.unpack_from(">I", d, 8)[0], struct.unpack_from(">I", d, 44)[0]
+            name = "".join(map(chr, key[1]))
+            forks = [img.full_extents(cnid, img.fork(d, off)[2], t) for off, t in ((88, 0), (168, 0xFF))]
+            seen[name] = ([len(e) for e in forks], special, d[48:56])
+        self.assertEqual(seen["iNode77"], ([1, 9], 2, bytes(8)))
+        self.assertEqual([seen["link %d" % i] for i in range(2)], [([0, 0], 77, b"hlnkhfs+")] * 2)
+        self.assertEqual(sorted(v[0] for k, v in seen.items() if k.lower().startswith("file")),
+                         sorted([[0, 0]] + [[1 + j % 12, 9] for j in range(1, 13)]))
+        if os.path.exists(CHECKIMAGE):
+            rc, out = self.checker(path)
+            self.assertEqual(rc, 0, out)
+
     def test_label_decomposition(self):
         # HFS+ decomposes as its own table says: Greek tonos as U+030D, letter
         # symbols (U+2126) and compatibility ideographs kept, Hangul split into
@@ -337,6 +361,8 @@ class MkimageTest(unittest.TestCase):
             (["--size", 4 << 20, "--files", 10, "--corrupt", "index-cycle"], "files"),
             (["--size", 4 << 20, "--catalog-fragments", 20, "--free-catalog-nodes", 0],
              "fragments"),
+            (["--size", 4 << 20, "--corrupt", "extents-wrap"], "--catalog-fragments 9"),
+            (["--size", 4 << 20, "--label", "x" * 255, "--corrupt", "root-name-length"], "shorter"),
         ]
         for args, text in cases:
             with self.subTest(args=args):
@@ -347,6 +373,25 @@ class MkimageTest(unittest.TestCase):
                 self.assertIn(text, r.stderr)
         # 255 units after decomposition still fit.
         self.build("ok.img", "--size", 4 << 20, "--label", "\u00e9" * 127 + "a")
+
+    def test_sizing_options(self):
+        args = ["--size", 2 << 20, "--label", "N", "--block-size", 512, "--catalog-node-size", 512]
+        path = self.build("n.img", *args, "--catalog-nodes", 2048, "--catalog-clump-size", 4096)
+        with open(path, "rb") as f:
+            data = f.read()
+        vh = data[1024:1536]
+        start = struct.unpack_from(">I", vh, 272 + 16)[0] * 512
+        total, free = struct.unpack_from(">II", data, start + 14 + 22)
+        self.assertEqual((total, free), (2048, 0))
+        self.assertEqual(struct.unpack_from(">I", vh, 272 + 8)[0], 4096)
+        path = self.build("f.img", "--size", 4 << 20, "--label", "F", "--free-blocks", 5)
+        with open(path, "rb") as f:
+            f.seek(1024 + 48)
+            self.assertEqual(struct.unpack(">I", f.read(4))[0], 5)
+        _, r = self.run_mkimage("s.img", "--size", 1 << 20, "--label", "S", "--free-blocks", 300)
+        self.assertIn("fewer than --free-blocks", r.stderr)
+        _, r = self.run_mkimage("u.img", *args, "--catalog-nodes", 300)   # one more leaf adds two
+        self.assertIn("exactly 300 nodes", r.stderr)
 
     def test_corruptions(self):
         kinds = ["bad-signature", "header-kind", "header-records", "btree-type",
@@ -385,6 +430,48 @@ class MkimageTest(unittest.TestCase):
                 if have_checker:
                     rc, out = self.checker(path)
                     self.assertEqual(rc, 1, "%s: %s" % (kind, out))
+
+    def test_volume_states(self):
+        """Attribute bits, and journals whose info block and header decode to
+        the asked state, owned by the root's journal files."""
+        for options, bits in ((["--not-unmounted"], 0), (["--inconsistent"], 0x900),
+                              (["--software-lock"], 0x8100)):
+            img = Image(self.build("s.img", "--size", 4 << 20, "--label", "S", *options))
+            self.assertEqual(img.attributes, bits, options)
+        for state in ("clean", "uninitialised", "dirty", "other-device", "damaged"):
+            for order, bs in (("little", 4096), ("big", 512)):
+                with self.subTest(state=state, order=order):
+                    path = self.build("j.img", "--size", 8 << 20, "--label", "J", "--files", 5,
+                                      "--block-size", bs, "--journal", state,
+                                      "--journal-byte-order", order)
+                    img = Image(path)
+                    self.assertEqual(img.attributes, 0x2100)
+                    self.assertEqual(img.hdr[8:12], b"HFSJ")
+                    self.assertEqual(img.file_count, 6 if state == "other-device" else 7)
+                    files = {bytes(struct.pack(">%dH" % len(n), *n)).decode("utf-16-be"): d
+                             for (parent, n), d in img.catalog() if parent == 2 and d[1] == 2}
+                    forks = {name: img.fork(files[name], 88) for name in files
+                             if name.startswith(".journal")}
+                    info_block = struct.unpack_from(">I", img.hdr, 12)[0]
+                    self.assertEqual(forks[".journal_info_block"], (bs, 1, [(info_block, 1)]))
+                    flags, offset, size = struct.unpack_from(">I32xQQ", img.d, info_block * bs)
+                    if state == "other-device":
+                        self.assertEqual((flags, sorted(forks)), (2, [".journal_info_block"]))
+                        continue
+                    self.assertEqual(flags, 5 if state == "uninitialised" else 1)
+                    jsize, jblocks, jexts = forks[".journal"]
+                    self.assertEqual((offset, size), (jexts[0][0] * bs, jsize))
+                    fmt = ("<" if order == "little" else ">") + "IIQQQIII"
+                    magic, endian, start, end, hsize, _, checksum, _ = struct.unpack_from(
+                        fmt, img.d, offset)
+                    if state in ("uninitialised", "damaged"):
+                        self.assertEqual(img.d[offset:offset + 512], bytes(512))
+                        continue
+                    self.assertEqual((magic, endian, hsize), (0x4A4E4C78, 0x12345678, size))
+                    self.assertEqual(start != end, state == "dirty")
+                    self.assertNotEqual(checksum, 0)
+                    if os.path.exists(CHECKIMAGE):
+                        self.assertEqual(self.checker(path), (0, ""))
 
 
 if __name__ == "__main__":

@@ -62,25 +62,6 @@ std::pair<std::u16string, uint32_t> first_child(OpenCatalog& cat, morv_catalog_r
   return found;
 }
 
-// Path components for morv_catalog_search_by_path, big-endian.
-struct Path {
-  std::vector<std::u16string> parts;
-  size_t next = 0;
-  static morv_err source(void* context, uint16_t* destination, size_t capacity, size_t* length) {
-    auto* path = static_cast<Path*>(context);
-    if (path->next == path->parts.size()) {
-      *length = 0;
-      return MORV_OK;
-    }
-    const std::u16string& part = path->parts[path->next++];
-    if (part.size() > capacity) return MORV_ERR_INVALID_ARGUMENT;
-    for (size_t i = 0; i < part.size(); ++i)
-      store_be16(reinterpret_cast<uint8_t*>(destination + i), part[i]);
-    *length = part.size();
-    return MORV_OK;
-  }
-};
-
 }  // namespace
 
 TEST(CatalogKeys, OrderByParentThenNameInTheVolumesMode) {

@@ -48,6 +48,16 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
     EXPECT_EQ(img.priv()->items_length, items);
     EXPECT_EQ(img.priv()->sector_size, 512u);
   }
+  {  // sizes beyond the fork's blocks or the volume's are refused before anything is sized
+    ForkImage img(512, 8, {{1, 2}}, uint64_t{1} << 42);
+    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(img.create(), MORV_ERR_CORRUPT); }),
+                    "Fork of CNID 4 is 4398046511104 bytes long, beyond its 2 allocation blocks of 512 bytes.\n"));
+    store_be64(img.fork_data, 1024);
+    store_be32(img.header + vh::kTotalBlocks, 1);
+    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(img.create(), MORV_ERR_CORRUPT); }),
+                    "Fork of CNID 4 has 2 allocation blocks, more than the volume's 1.\n"));
+    EXPECT_EQ(img.fork, nullptr);
+  }
   // Refusals leave the out-parameters alone.
   uint8_t* untouched = reinterpret_cast<uint8_t*>(&g_requests);
   size_t count = 99;

@@ -100,6 +100,9 @@ TEST(UnicodeCompose, GreedySequencesSingleUnitRowsAndCapacity) {
   EXPECT_EQ(compose({0x0041, 0x0300, 0x0302}), (Units{0x00C0, 0x0302}));
   EXPECT_EQ(compose({0x03B1, 0x0313, 0x0345}), (Units{0x1F00, 0x0345}));
   EXPECT_EQ(compose({'a', 0, 'b'}), Units{'a'});  // a 0 unit ends the input
+  // even behind a unit that a single-unit row replaces
+  EXPECT_EQ(compose({';', 0, 'b'}), Units{0x037E});
+  EXPECT_EQ(compose({'x', 0x00C6, 0, 0x0300}), (Units{'x', 0x04D4}));
 
   const BeName name({0x0041, 0x0302, 0x0300, 'b'});
   uint16_t out[3] = {7, 7, 7};
@@ -232,12 +235,15 @@ TEST(Utf8ToUnistr, DecodingAndInvalidForms) {
     EXPECT_EQ(convert("a\xF5", MORV_ERR_INVALID_ARGUMENT), Units{});
     // A four-byte form beyond U+10FFFF stops the conversion short of the count.
     EXPECT_EQ(convert("\xF4\x90\x80\x80z", MORV_ERR_INTERNAL), Units{});
+    // wherever it stands: it is never stored as two lone surrogates
+    EXPECT_EQ(convert("z\xF4\x90\x80\x80", MORV_ERR_INTERNAL), Units{});
     // So does a 0 byte inside `len`; its unit must not be stored past the buffer.
     EXPECT_EQ(convert(std::string("a\0b", 3), MORV_ERR_INTERNAL), Units{});
   });
   EXPECT_TRUE(has(log, "] Error while getting UTF-16 size for UTF-8 string.\n")) << log;
   EXPECT_TRUE(has(log, "] Internal error - Filled length is not as expected. Expected: 3 Actual: 2\n"));
   EXPECT_TRUE(has(log, "Expected: 1 Actual: 2\n")) << log;
+  EXPECT_TRUE(has(log, "] Internal error - Code point 0x110000 is beyond U+10FFFF.\n")) << log;
 }
 
 TEST(Utf8ToUnistr, CallerBuffersAndAllocationReportedAsSuccess) {

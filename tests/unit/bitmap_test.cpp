@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "alloc_test_support.hpp"
+#include "fork_test_support.hpp"
+
+using alloc_test::field;
+using alloc_test::Volume;
+using fork_test::has;
+using fork_test::logged;
+
+namespace {
+
+// 256 blocks of 4 KiB: 0 reserved, 1 allocation file, 2-10 extents overflow
+// file, 11-28 catalog, 29-254 free, 255 the alternate header's.
+const char* const kSmall = "--size 1048576 --label Bits";
+
+uint8_t bitmap_byte(Volume& v, uint64_t index) {
+  uint8_t b = 0;
+  EXPECT_EQ(morv_fork_read(v.volume->bitmap->priv->fork, index, &b, 1, nullptr), MORV_OK);
+  return b;
+}
+
+// Fork data with the given extents and as many blocks.
+std::vector<uint8_t> fork_data(std::initializer_list<std::pair<uint32_t, uint32_t>> extents) {
+  std::vector<uint8_t> fd(forkdata::kSize);
+  uint32_t total = 0, i = 0;
+  for (auto [start, count] : extents) {
+    store_be32(&fd[forkdata::kExtents + 8 * i], start);
+    store_be32(&fd[forkdata::kExtents + 8 * i++ + 4], count);
+    total += count;
+  }
+  store_be32(&fd[forkdata::kTotalBlocks], total);
+  return fd;
+}
+
+}  // namespace
+
+TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
+  Volume v(kSmall);
+  morv_bitmap* bitmap = v.volume->bitmap;
+  const uint32_t free_blocks = field(v.volume, vh::kFreeBlocks);
+  // Block 32 is byte 4's most significant bit, block 39 its least.
+  ASSERT_EQ(AllocateExtentAllocationBlocks(32, 1, v.volume), MORV_OK);
+  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(39, 1, v.volume), MORV_OK);
+  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  // A run whose third block is taken sets two bits, clears them again, returns 1.
+  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC); }),
+                  "Block 39 is already allocated.\n"));
+  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks - 2);
+  // A run starting at nextAllocation moves it behind the run.
+  ASSERT_EQ(field(v.volume, vh::kNextAllocation), 29u);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(29, 2, v.volume), MORV_OK);
+  EXPECT_EQ(field(v.volume, vh::kNextAllocation), 31u);
+  EXPECT_EQ(AllocateExtentAllocationBlocks(250, 7, v.volume), MORV_ERR_INVALID_ARGUMENT);  // past block 255
+
+  // Freeing writes the block's byte at its own place: byte 0 (blocks 0-7,
+  // all in use) is the start of the 4 KiB chunk and stays as it is.
+  ASSERT_EQ(FreeAllocationBlock(39, bitmap), MORV_OK);
+  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
+  EXPECT_EQ(bitmap_byte(v, 0), 0xFF);
+  for (uint32_t b : {32u, 29u, 30u}) ASSERT_EQ(FreeAllocationBlock(b, bitmap), MORV_OK);
+  morv_volume_increment_free_blocks(v.volume, 4);
+  v.flush();
+  // A block already free: 1, and nothing is written.
+  EXPECT_EQ(FreeAllocationBlock(39, bitmap), MORV_ERR_GENERIC);
+  EXPECT_EQ(bitmap->priv->fork->priv->dirty_items, 0u);
+  EXPECT_EQ(v.check(), "");
+
+  EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {
+              return AllocateExtentAllocationBlocks(60, 20, vol);
+            }), 0u);
+  EXPECT_TRUE(v.marked(79));
+  EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks - 20);
+  // Freed again through fork data holding them, under the same failures.
+  const auto held = fork_data({{60, 5}, {65, 15}});
+  alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
+    uint32_t freed = 0;
+    morv_err err = FreeExtentAllocationBlocks(held.data(), 0, 20, vol->bitmap, &freed);
+    if (!err) { EXPECT_EQ(freed, 20u); }
+    return err;
+  });
+  morv_volume_increment_free_blocks(v.volume, 20);
+  v.flush();
+  EXPECT_EQ(v.check(), "");
+}
+
+TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
+  Volume v(kSmall);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(40, 3, v.volume), MORV_OK);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(50, 2, v.volume), MORV_OK);
+  const auto fd = fork_data({{40, 3}, {50, 2}});
+  // Fork blocks 2-3 are block 42 of the first extent and 50 of the second.
+  uint32_t freed = 0;
+  ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 2, 2, v.volume->bitmap, &freed), MORV_OK);
+  EXPECT_EQ(freed, 2u);
+  EXPECT_FALSE(v.marked(42));
+  EXPECT_FALSE(v.marked(50));
+  EXPECT_TRUE(v.marked(51));
+  // Block 42 is free now: freeing the whole fork stops there and marks 40
+  // and 41 again.
+  freed = 99;
+  EXPECT_TRUE(has(logged([&] {
+    EXPECT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_ERR_GENERIC);
+  }), "Error while freeing allocation block 42.\n"));
+  EXPECT_EQ(freed, 99u);
+  EXPECT_TRUE(v.marked(40) && v.marked(41) && v.marked(51));
+  // A range past the extents frees what they hold.
+  ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 2, v.volume->bitmap, &freed), MORV_OK);
+  ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 4, 100, v.volume->bitmap, &freed), MORV_OK);
+  EXPECT_EQ(freed, 1u);
+  morv_volume_increment_free_blocks(v.volume, 5);
+  v.flush();
+  EXPECT_EQ(v.check(), "");
+}
+
+TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
+  Volume v(kSmall);
+  morv_write_location loc{};
+  // Hint 0 is nextAllocation (29), where the free space begins.
+  ASSERT_EQ(FindContiguousUnallocated(v.volume, 4, 0, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 29u);
+  EXPECT_EQ(loc.block_count, 4u);
+  // From an allocated block the candidates move to byte boundaries: 16, 24, 32.
+  ASSERT_EQ(FindContiguousUnallocated(v.volume, 4, 12, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 32u);
+  // More than any free run: around once, then nothing, as count 0 at block 0.
+  loc.start_block = 7;
+  ASSERT_EQ(FindContiguousUnallocated(v.volume, 227, 100, &loc), MORV_OK);
+  EXPECT_EQ(loc.block_count, 0u);
+  EXPECT_EQ(loc.start_block, 0u);
+  // With the last block free, a run of one may start there, a run of two may
+  // not: it would pass totalBlocks.
+  ASSERT_EQ(FreeAllocationBlock(255, v.volume->bitmap), MORV_OK);
+  ASSERT_EQ(FindContiguousUnallocated(v.volume, 1, 255, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 255u);
+  ASSERT_EQ(FindContiguousUnallocated(v.volume, 2, 255, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 32u);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(255, 1, v.volume), MORV_OK);
+  morv_volume_increment_free_blocks(v.volume, 1);
+  v.flush();
+  EXPECT_EQ(v.check(), "");
+
+  // A full volume: from its last block around to block 0 and back, nothing.
+  Volume full("--size 1048576 --label Full --free-blocks 0");
+  const uint32_t last = field(full.volume, vh::kTotalBlocks) - 1;
+  loc.block_count = 9;
+  ASSERT_EQ(FindContiguousUnallocated(full.volume, 1, last, &loc), MORV_OK);
+  EXPECT_EQ(loc.block_count, 0u);
+  EXPECT_EQ(loc.start_block, 0u);
+}
+
+TEST(BitmapSearch, WriteLocationsFollowTheLastExtentThroughOverflowRecords) {
+  Volume v(kSmall);
+  uint8_t* header = v.volume->header;
+  morv_write_location loc{};
+  // The catalog (11-28) ends where the free space begins: it is lengthened.
+  ASSERT_EQ(FindWriteLocation(4, 0, header + vh::kCatalogFile, v.volume, 0, 8192, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 29u);
+  EXPECT_EQ(loc.block_count, 2u);
+  EXPECT_EQ(loc.extent_index, 0u);
+  // The extents file (2-10) is followed by the catalog: a new extent.
+  ASSERT_EQ(FindWriteLocation(3, 0, header + vh::kExtentsFile, v.volume, 0, 4097, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 32u);
+  EXPECT_EQ(loc.extent_index, 1u);
+  // An empty fork starts at nextAllocation in its first extent.
+  ASSERT_EQ(FindWriteLocation(7, 0, header + vh::kStartupFile, v.volume, 0, 1, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 29u);
+  EXPECT_EQ(loc.extent_index, 0u);
+
+  auto refused = [&](std::vector<uint8_t> fd, morv_err expected, const char* message) {
+    EXPECT_TRUE(has(logged([&] {
+      EXPECT_EQ(FindWriteLocation(4, 0, fd.data(), v.volume, 0, 4096, &loc), expected);
+    }), message)) << message;
+  };
+  auto gap = fork_data({{11, 18}});
+  store_be32(&gap[forkdata::kTotalBlocks], 20);
+  refused(gap, MORV_ERR_CORRUPT, "Encountered zero block count in extent.\n");
+  store_be32(&gap[forkdata::kTotalBlocks], 10);
+  refused(gap, MORV_ERR_CORRUPT, "Inconsistent extent record: Found more blocks than the number of "
+                                 "allocated blocks (18 > 10).\n");
+  auto eight = fork_data({{11, 1}, {12, 1}, {13, 1}, {14, 1}, {15, 1}, {16, 1}, {17, 1}, {18, 1}});
+  store_be32(&eight[forkdata::kTotalBlocks], 9);
+  refused(eight, MORV_ERR_CORRUPT, "Could not find next extent record.\n");
+  EXPECT_EQ(FindWriteLocation(4, 0, nullptr, v.volume, 0, 1, &loc), MORV_ERR_INVALID_ARGUMENT);
+
+  // Ten catalog fragments, the last two in an overflow record: the run
+  // continues the tenth extent; failures come back as they are.
+  Volume frag("--size 4194304 --label Frag --catalog-fragments 10");
+  auto locate = [](morv_volume* vol) {
+    morv_write_location l{};
+    morv_err err = FindWriteLocation(4, 0, vol->header + vh::kCatalogFile, vol, 0, 4096, &l);
+    if (!err) { EXPECT_EQ(l.extent_index, 9u); }
+    return err;
+  };
+  EXPECT_GT(alloc_test::fail_each_unchanged(frag, locate), 0u);
+}
+
+TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
+  Volume v(kSmall);
+  auto fd = fork_data({});  // a file's empty data fork
+  morv_write_location loc{};
+  ASSERT_EQ(UpdateForks(v.volume, fd.data(), 0, 5000, &loc), MORV_OK);
+  EXPECT_EQ(fd, fork_data({{29, 2}}));
+  EXPECT_EQ(loc.block_count, 2u);
+  EXPECT_EQ(loc.requested_length, 5000u);
+  EXPECT_EQ(loc.requested_length_copy, 5000u);
+  EXPECT_TRUE(v.marked(29) && v.marked(30));
+  // A write inside the extents needs nothing.
+  ASSERT_EQ(UpdateForks(v.volume, fd.data(), 4096, 100, &loc), MORV_OK);
+  EXPECT_EQ(loc.block_count, 0u);
+  // Past them: the run continues the extent, or, once its next block is
+  // taken, opens the next one.
+  ASSERT_EQ(UpdateForks(v.volume, fd.data(), 8192, 4096, &loc), MORV_OK);
+  EXPECT_EQ(fd, fork_data({{29, 3}}));
+  ASSERT_EQ(AllocateExtentAllocationBlocks(32, 1, v.volume), MORV_OK);
+  ASSERT_EQ(UpdateForks(v.volume, fd.data(), 12288, 4096, &loc), MORV_OK);
+  EXPECT_EQ(fd, fork_data({{29, 3}, {40, 1}}));
+  EXPECT_EQ(loc.extent_index, 1u);
+
+  auto full = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
+  const auto before = full;
+  EXPECT_TRUE(has(logged([&] {
+    EXPECT_EQ(UpdateForks(v.volume, full.data(), 8 * 4096, 1, &loc), MORV_ERR_EXTENT_LIMIT);
+  }), "HFSPlus: [UpdateForks] Not handling overflow extents yet.\n"));
+  EXPECT_EQ(full, before);
+  // Under failures the fork data changes only with a successful call.
+  alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
+    auto copy = fd;
+    morv_err err = UpdateForks(vol, copy.data(), 16384, 4096, &loc);
+    if (err) { EXPECT_EQ(copy, fd); }
+    return err;
+  });
+  fd = fork_data({{29, 3}, {40, 1}, {41, 1}});
+  uint32_t freed = 0;
+  ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_OK);
+  ASSERT_EQ(FreeAllocationBlock(32, v.volume->bitmap), MORV_OK);
+  morv_volume_increment_free_blocks(v.volume, freed + 1);
+  v.flush();
+  EXPECT_EQ(v.check(), "");
+
+  // No free run: an error, and the fork data keeps no run at block 0.
+  Volume none("--size 1048576 --label Full --free-blocks 0");
+  auto empty = fork_data({});
+  EXPECT_EQ(UpdateForks(none.volume, empty.data(), 0, 1, &loc), MORV_ERR_UNSUPPORTED);
+  EXPECT_EQ(empty, fork_data({}));
+}
