@@ -12,9 +12,10 @@ int morvlabel_main(int argc, char** argv);  // the tool's main, renamed at build
 namespace fuzz {
 namespace {
 
-FILE* g_report = nullptr;   // the real standard error
-char g_out[1 << 16];        // standard output of the tool runs
+FILE* g_report = nullptr;  // the real standard error
+int g_out = -1;             // a memory file behind descriptor 1: the tool's output
 constexpr size_t kMaxArgs = 8;
+constexpr off_t kMaxOutput = 1 << 16;
 
 ssize_t discard(void*, const char*, size_t size) { return static_cast<ssize_t>(size); }
 
@@ -27,10 +28,13 @@ ssize_t discard(void*, const char*, size_t size) { return static_cast<ssize_t>(s
 
 void init() {
   g_report = stderr;
+  // The tool writes the label to descriptor 1 itself; libFuzzer writes
+  // nothing there.
+  g_out = memfd_create("morv-fuzz-stdout", MFD_CLOEXEC);
+  if (g_out < 0 || dup2(g_out, STDOUT_FILENO) < 0) die("standard output");
   // glibc lets a program replace its standard streams; the library and the
-  // tool write through them, libFuzzer and the sanitizers do not.
-  stdout = fmemopen(g_out, sizeof g_out, "w");
-  if (!stdout) die("fmemopen");
+  // tool write their messages through stderr, libFuzzer and the sanitizers
+  // do not.
   if (!getenv("MORV_FUZZ_LOG")) {
     cookie_io_functions_t sink = {nullptr, discard, nullptr, nullptr};
     FILE* quiet = fopencookie(nullptr, "w", sink);
@@ -91,14 +95,16 @@ ToolRun run_tool(std::initializer_list<const char*> args) {
     argv[argc++] = const_cast<char*>(a);
   }
   fflush(stdout);
-  fseek(stdout, 0, SEEK_SET);
+  if (ftruncate(g_out, 0) != 0 || lseek(g_out, 0, SEEK_SET) != 0) die("standard output");
   const int status = morvlabel_main(argc, argv);
   fflush(stdout);
-  const long length = ftell(stdout);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof g_out - 1)
-    fail("the tool wrote %ld bytes to standard output", length);
   fflush(stderr);
-  return ToolRun{status, std::string(g_out, static_cast<size_t>(length))};
+  const off_t length = lseek(g_out, 0, SEEK_END);
+  if (length < 0 || length > kMaxOutput)
+    fail("the tool wrote %lld bytes to standard output", static_cast<long long>(length));
+  std::string out(static_cast<size_t>(length), '\0');
+  if (length > 0 && pread(g_out, out.data(), out.size(), 0) != length) die("pread");
+  return ToolRun{status, out};
 }
 
 bool valid_utf8(const std::string& text) {

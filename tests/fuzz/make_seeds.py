@@ -205,17 +205,6 @@ def extents_wrap(image):
     return patch(image, at + 12, record)
 
 
-# name: (shape, patch, targets)
-FOUND = {
-    "found-root-name-length": ("few", root_name_length, ("print", "change")),
-    "found-fork-size": ("few", fork_size, ("print", "change", "btree")),
-    "found-total-nodes": ("corrupt-index-cycle", total_nodes, ("print", "change")),
-    "found-leaf-cycle": ("few", leaf_cycle, ("btree",)),
-    "known-root-thread-no-data": ("few", root_thread_no_data, ("print", "change")),
-    "known-root-folder-no-data": ("few", root_folder_no_data, ("change",)),
-    "known-extents-wrap": ("fragmented-catalog", extents_wrap, ("print",)),
-}
-
 
 # ---------------------------------------------------------------- scripts
 
@@ -289,6 +278,33 @@ def scripts(info, pad):
     return {"read": read, "rename": rename, "grow": grow, "shrink": shrink, "extents": extents}
 
 
+# ---------------------------------------------------------------- findings' seeds
+
+def bitmap_live_nodes(image):
+    """The node bitmap marks nodes 0 to 7 free although they are in use: a
+    claim handed out a live node, and reopening a record over it copied the
+    new record's size into an open locator's smaller copy."""
+    header, _ = tree_node(image, CATALOG_FORK, 0)
+    return patch(image, header + 14 + 106 + 128, b"\x00")
+
+
+# Moves the first file (CNID 16) into the root under a new name, the root
+# folder's locator open as its parent.
+MOVE_FIRST_FILE = op(RENAME, bytes([16, 2]), name_raw("moved file"))
+
+# name: (shape, patch, targets, fuzz_btree script or None for the default)
+FOUND = {
+    "found-root-name-length": ("few", root_name_length, ("print", "change"), None),
+    "found-fork-size": ("few", fork_size, ("print", "change", "btree"), None),
+    "found-total-nodes": ("corrupt-index-cycle", total_nodes, ("print", "change"), None),
+    "found-leaf-cycle": ("few", leaf_cycle, ("btree",), None),
+    "found-bitmap-live-nodes": ("half-full", bitmap_live_nodes, ("btree",), MOVE_FIRST_FILE),
+    "known-root-thread-no-data": ("few", root_thread_no_data, ("print", "change"), None),
+    "known-root-folder-no-data": ("few", root_folder_no_data, ("change",), None),
+    "known-extents-wrap": ("fragmented-catalog", extents_wrap, ("print",), None),
+}
+
+
 # ---------------------------------------------------------------- unicode
 
 def unicode_seeds():
@@ -345,10 +361,12 @@ def main(argv):
                 continue  # a script around a 255-unit label does not fit
             write(os.path.join(out, "btree"), "%s-%s" % (name, script_name),
                   script.ljust(BOOT, b"\0") + body)
-    for name, (shape, damage, targets) in FOUND.items():
+    for name, (shape, damage, targets, script) in FOUND.items():
         image = damage(images[shape])
-        boots = {"print": b"", "change": bytes([0]), "btree": op(ITERATE, catalog_key(0, name_empty()))
-                 + op(BY_CNID, bytes([2, 1])) + op(RENAME, bytes([2, 1]), name_raw("Found"))}
+        boots = {"print": b"", "change": bytes([0]),
+                 "btree": script or (op(ITERATE, catalog_key(0, name_empty()))
+                                     + op(BY_CNID, bytes([2, 1]))
+                                     + op(RENAME, bytes([2, 1]), name_raw("Found")))}
         for target in targets:
             write(os.path.join(out, target), name, boots[target].ljust(BOOT, b"\0") + image[BOOT:])
     for name, data in unicode_seeds().items():
