@@ -7,9 +7,10 @@
 //
 // Properties: exit status 0 or 1 and nothing on standard output. A change
 // that fails leaves the image byte for byte as it was. A change that succeeds
-// changes bytes only inside the catalog file (when the volume header's eight
-// catalog extents hold the whole file) and leaves a volume whose label reads
-// back, raw, as the stored (decomposed) form of the new label.
+// had a label of well-formed UTF-8 other than "", "." and ".."; it changed
+// bytes only inside the catalog file (when the volume header's eight catalog
+// extents hold the whole file) and left a volume whose label reads back, raw,
+// as the stored (decomposed) form of the new label.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -147,6 +148,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
 
+  if (!fuzz::valid_utf8(label)) fuzz::fail("the change accepted a label that is not UTF-8");
+  if (label.empty() || label == "." || label == "..")
+    fuzz::fail("the change accepted the label \"%s\", which names no folder", label.c_str());
   check_changes_in_catalog(before, after);
   std::string expected;
   if (const char* reason = stored_form(label, &expected))

@@ -205,7 +205,6 @@ def extents_wrap(image):
     return patch(image, at + 12, record)
 
 
-
 # ---------------------------------------------------------------- scripts
 
 def catalog_key(parent, name):
