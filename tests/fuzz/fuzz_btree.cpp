@@ -174,6 +174,16 @@ void iterate(morv_btree* tree, const std::vector<uint8_t>& key) {
   }
 }
 
+std::string hex(const uint8_t* bytes, size_t size) {
+  std::string out;
+  char digits[3];
+  for (size_t i = 0; i < size && i < 64; ++i) {
+    snprintf(digits, sizeof digits, "%02x", bytes[i]);
+    out += digits;
+  }
+  return out;
+}
+
 void insert(morv_btree* tree, const std::vector<uint8_t>& key, uint16_t data_size, uint8_t fill) {
   std::vector<uint8_t> data(data_size + size_t{1});  // never a null pointer
   for (size_t i = 0; i < data_size; ++i) data[i] = static_cast<uint8_t>(fill + i);
@@ -182,8 +192,11 @@ void insert(morv_btree* tree, const std::vector<uint8_t>& key, uint16_t data_siz
     return morv_btree_insert_record(tree, key.data(), data.data(), data_size, nullptr, &inserted);
   });
   if (err) return;
-  if (!inserted || inserted->key_size != key.size() || memcmp(inserted->key, key.data(), key.size()))
-    fuzz::fail("an insertion handed back a locator on another key");
+  if (!inserted) fuzz::fail("an insertion succeeded without a locator");
+  if (inserted->key_size != key.size() || memcmp(inserted->key, key.data(), key.size()))
+    fuzz::fail("an insertion handed back a locator on another key (node %u, record %u): %s for %s",
+               *inserted->node_number, *inserted->record_index,
+               hex(inserted->key, inserted->key_size).c_str(), hex(key.data(), key.size()).c_str());
   morv_btree_record_locator_close(&inserted);
 }
 

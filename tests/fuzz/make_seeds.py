@@ -287,9 +287,17 @@ def bitmap_live_nodes(image):
     return patch(image, header + 14 + 106 + 128, b"\x00")
 
 
-# Moves the first file (CNID 16) into the root under a new name, the root
+def map_record_offset(image):
+    """The header node's map record starts inside the header record (at 91,
+    not 248): the node bitmap was read from the wrong bytes and a claim
+    handed out a live node, as above."""
+    header, node_size = tree_node(image, CATALOG_FORK, 0)
+    return patch(image, header + node_size - 6, struct.pack(">H", 91))
+
+
+# Moves the first item (CNID 16) into the root under a new name, the root
 # folder's locator open as its parent.
-MOVE_FIRST_FILE = op(RENAME, bytes([16, 2]), name_raw("moved file"))
+MOVE_FIRST_ITEM = op(RENAME, bytes([16, 2]), name_raw("moved file"))
 
 # name: (shape, patch, targets, fuzz_btree script or None for the default)
 FOUND = {
@@ -297,7 +305,8 @@ FOUND = {
     "found-fork-size": ("few", fork_size, ("print", "change", "btree"), None),
     "found-total-nodes": ("corrupt-index-cycle", total_nodes, ("print", "change"), None),
     "found-leaf-cycle": ("few", leaf_cycle, ("btree",), None),
-    "found-bitmap-live-nodes": ("half-full", bitmap_live_nodes, ("btree",), MOVE_FIRST_FILE),
+    "found-bitmap-live-nodes": ("half-full", bitmap_live_nodes, ("btree",), MOVE_FIRST_ITEM),
+    "found-map-record-offset": ("hfsx", map_record_offset, ("btree",), MOVE_FIRST_ITEM),
     "known-root-thread-no-data": ("few", root_thread_no_data, ("print", "change"), None),
     "known-root-folder-no-data": ("few", root_folder_no_data, ("change",), None),
     "known-extents-wrap": ("fragmented-catalog", extents_wrap, ("print",), None),

@@ -67,7 +67,7 @@ def main(argv):
     paths = []
     for arg in argv[2:]:
         if os.path.isdir(arg):
-            paths += [os.path.join(arg, f) for f in sorted(os.listdir(arg))]
+            paths += [os.path.join(arg, f) for f in sorted(os.listdir(arg)) if not f.startswith(".")]
         else:
             paths.append(arg)
     groups = defaultdict(list)
