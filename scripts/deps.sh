@@ -5,6 +5,8 @@ packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
           g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
 # The manual page's lint and rendering, installing and packaging.
 packages+=(mandoc man-db pkgconf dpkg-dev file)
+# The fuzz build: clang, its libFuzzer and sanitizer runtimes, the symbolizer.
+packages+=(clang-14 libclang-rt-14-dev llvm-14)
 # The kernel reader (tests/support/kernelreader.py) boots Debian's kernel
 # under emulation: only the emulator and a static shell, no recommended extras.
 lean=(qemu-system-x86 busybox-static)
