@@ -16,7 +16,7 @@ TEST(ExtentsKeys, OrderByFileThenForkTypeThenStartBlock) {
   }
   Key bad = keys[0];
   store_be16(bad.data(), 12);
-  const std::string log = stderr_of([&] {
+  const std::string log = logged([&] {
     EXPECT_EQ(morv_extents_compare_keys(bad.data(), keys[0].data(), 0), -1);
     EXPECT_EQ(morv_extents_compare_keys(keys[0].data(), bad.data(), 0), -1);
   });
@@ -50,9 +50,7 @@ TEST(ExtentsTree, FragmentedCatalogResolvesThroughTheTree) {
   Image image("--size 16777216 --label F --files 30 --catalog-fragments 20");
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* catalog = nullptr;
-  ASSERT_EQ(morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
-                              kBtreeKindCatalog, test_compare, &catalog),
-            MORV_OK);
+  ASSERT_EQ(image.open_catalog(&catalog, test_compare), MORV_OK);
   const morv_fork_private* priv = catalog->fork->priv;
   EXPECT_EQ(priv->extents_count, 20u);  // 8 in the fork data, 12 from two records
   uint64_t blocks = 0;
@@ -60,7 +58,7 @@ TEST(ExtentsTree, FragmentedCatalogResolvesThroughTheTree) {
   EXPECT_EQ(blocks, load_be32(image.volume_header() + vh::kCatalogFile + forkdata::kTotalBlocks));
   morv_btree_destroy(&catalog);
   // The same fork without its overflow records cannot be opened whole.
-  EXPECT_THAT(stderr_of([&] {
+  EXPECT_THAT(logged([&] {
                 EXPECT_NE(morv_btree_create(image.device(), nullptr, 0, image.volume_header(),
                                             kBtreeKindCatalog, test_compare, &catalog),
                           MORV_OK);
@@ -72,7 +70,7 @@ TEST(ExtentsTree, FragmentedCatalogResolvesThroughTheTree) {
 TEST(ExtentsTree, WrongTreeTypeOrKindIsRefused) {
   Image image("--size 8388608 --label X --corrupt extents-btree-type");
   morv_btree* tree = nullptr;
-  const std::string log = stderr_of([&] {
+  const std::string log = logged([&] {
     EXPECT_EQ(image.open_extents(), MORV_ERR_CORRUPT);
     EXPECT_EQ(morv_btree_create(image.device(), nullptr, 1, image.volume_header(), 5,
                                 test_compare, &tree),
