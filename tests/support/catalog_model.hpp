@@ -207,10 +207,9 @@ class CatalogModel {
     const uint32_t new_parent = rng_() % 2 ? parent : random_folder();
     const std::u16string name = fresh_name(new_parent, max_name());
     morv_catalog_search_result found = search(key);
-    morv_catalog_search_result folder = cat_.by_cnid(parent, 1);
-    EXPECT_EQ(morv_catalog_record_locator_set_parent_locator(found.locator, folder.locator), MORV_OK);
-    morv_catalog_search_result_release(&folder);
-    const morv_err err = rename(&found.locator, new_parent, name);
+    EXPECT_EQ(morv_catalog_record_locator_set_parent_locator(found.locator, cat_.by_cnid(parent, 1).get()),
+              MORV_OK);
+    const morv_err err = morv_test::rename_to(cat_.catalog, &found.locator, new_parent, name);
     morv_catalog_search_result_release(&found);
     if (err) return err;
     const Bytes new_key = make_key(new_parent, name);
@@ -226,9 +225,8 @@ class CatalogModel {
   morv_err relabel() {
     const Bytes key = folders_[kRootFolderCnid];
     const std::u16string name = fresh_name(kRootParentCnid, max_name());
-    morv_catalog_search_result root = cat_.by_cnid(kRootFolderCnid, 1);
-    const morv_err err = rename(&root.locator, kRootParentCnid, name);
-    morv_catalog_search_result_release(&root);
+    morv_test::Found root = cat_.by_cnid(kRootFolderCnid, 1);
+    const morv_err err = morv_test::rename_to(cat_.catalog, &root.result.locator, kRootParentCnid, name);
     if (err) return err;
     const Bytes new_key = make_key(kRootParentCnid, name);
     records_[new_key] = records_[key];
@@ -269,19 +267,7 @@ class CatalogModel {
     return err;
   }
   morv_err valence(uint32_t parent, const Bytes& child, int up) {
-    morv_catalog_search_result folder = cat_.by_cnid(parent, 1);
-    const morv_err err = morv_catalog_update_valence(cat_.catalog, child.data(), folder.locator, up);
-    morv_catalog_search_result_release(&folder);
-    return err;
-  }
-  morv_err rename(morv_catalog_record_locator** locator, uint32_t parent, const std::u16string& name) {
-    uint8_t parent_be[4];
-    store_be32(parent_be, parent);
-    uint32_t on_disk;
-    memcpy(&on_disk, parent_be, 4);
-    const Bytes key = make_key(0, name);
-    return morv_catalog_rename_record(cat_.catalog, locator, on_disk,
-                                      reinterpret_cast<const uint16_t*>(&key[8]), name.size());
+    return morv_catalog_update_valence(cat_.catalog, child.data(), cat_.by_cnid(parent, 1).get(), up);
   }
 
   morv_test::OpenCatalog cat_;
