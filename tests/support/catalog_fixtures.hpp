@@ -158,6 +158,10 @@ inline uint16_t type_of(const morv_catalog_record_locator* locator) {
 inline uint32_t valence_of(const morv_catalog_record_locator* locator) {
   return load_be32(locator->btree_locator->data + catalog::kFolderValence);
 }
+inline uint32_t valence_of(morv_catalog* catalog, uint32_t folder) {
+  const Found found = by_cnid(catalog, folder, 1);
+  return found.get() ? valence_of(found.get()) : 0;
+}
 
 // A volume opened over a builder image on its own read/write device.
 struct OpenVolume : BuiltImage, OpenDevice {

@@ -1,41 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "alloc_test_support.hpp"
-#include "fork_test_support.hpp"
 
-using alloc_test::field;
-using alloc_test::Volume;
-using fork_test::has;
-using fork_test::logged;
-
-namespace {
+using namespace alloc_test;
+using morv_test::has;
+using morv_test::logged;
 
 // 256 blocks of 4 KiB: 0 reserved, 1 allocation file, 2-10 extents overflow
 // file, 11-28 catalog, 29-254 free, 255 the alternate header's.
 const char* const kSmall = "--size 1048576 --label Bits";
-
-uint8_t bitmap_byte(Volume& v, uint64_t index) {
-  uint8_t b = 0;
-  EXPECT_EQ(morv_fork_read(v.volume->bitmap->priv->fork, index, &b, 1, nullptr), MORV_OK);
-  return b;
-}
-
-// Fork data with the given extents and as many blocks.
-std::vector<uint8_t> fork_data(std::initializer_list<std::pair<uint32_t, uint32_t>> extents) {
-  std::vector<uint8_t> fd(forkdata::kSize);
-  uint32_t total = 0, i = 0;
-  for (auto [start, count] : extents) {
-    store_be32(&fd[forkdata::kExtents + 8 * i], start);
-    store_be32(&fd[forkdata::kExtents + 8 * i++ + 4], count);
-    total += count;
-  }
-  store_be32(&fd[forkdata::kTotalBlocks], total);
-  return fd;
-}
-
-}  // namespace
 
 TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   Volume v(kSmall);
@@ -43,13 +16,13 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   const uint32_t free_blocks = field(v.volume, vh::kFreeBlocks);
   // Block 32 is byte 4's most significant bit, block 39 its least.
   ASSERT_EQ(AllocateExtentAllocationBlocks(32, 1, v.volume), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
+  EXPECT_EQ(v.bitmap_byte(4), 0x80);
   ASSERT_EQ(AllocateExtentAllocationBlocks(39, 1, v.volume), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  EXPECT_EQ(v.bitmap_byte(4), 0x81);
   // A run whose third block is taken sets two bits, clears them again, returns 1.
   EXPECT_TRUE(has(logged([&] { EXPECT_EQ(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC); }),
                   "Block 39 is already allocated.\n"));
-  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  EXPECT_EQ(v.bitmap_byte(4), 0x81);
   EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks - 2);
   // A run starting at nextAllocation moves it behind the run.
   ASSERT_EQ(field(v.volume, vh::kNextAllocation), 29u);
@@ -60,8 +33,8 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   // Freeing writes the block's byte at its own place: byte 0 (blocks 0-7,
   // all in use) is the start of the 4 KiB chunk and stays as it is.
   ASSERT_EQ(FreeAllocationBlock(39, bitmap), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
-  EXPECT_EQ(bitmap_byte(v, 0), 0xFF);
+  EXPECT_EQ(v.bitmap_byte(4), 0x80);
+  EXPECT_EQ(v.bitmap_byte(0), 0xFF);
   for (uint32_t b : {32u, 29u, 30u}) ASSERT_EQ(FreeAllocationBlock(b, bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 4);
   v.flush();

@@ -118,14 +118,14 @@ TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
 
   // A file of the root moved into the first folder (CNID 16 is a folder).
   ASSERT_EQ(type_of(cat.by_cnid(16, 1).get()), catalog::kFolderRecord);
-  const uint32_t folder_valence = valence_of(cat.by_cnid(16, 1).get());
+  const uint32_t folder_valence = valence_of(cat.catalog, 16);
   const auto [file_name, file_cnid] = first_child(cat.catalog, root.get(), kRootFolderCnid, catalog::kFileRecord);
   root = Found();
   Found file;
   ASSERT_EQ(find(cat.catalog, {file_name}, &file), MORV_OK);
   ASSERT_EQ(rename_to(cat.catalog, &file.result.locator, 16, u"Moved file"), MORV_OK);
-  EXPECT_EQ(valence_of(cat.by_cnid(kRootFolderCnid, 1).get()), root_valence - 1);
-  EXPECT_EQ(valence_of(cat.by_cnid(16, 1).get()), folder_valence + 1);
+  EXPECT_EQ(valence_of(cat.catalog, kRootFolderCnid), root_valence - 1);
+  EXPECT_EQ(valence_of(cat.catalog, 16), folder_valence + 1);
   Found file_thread = cat.by_cnid(file_cnid, 0);
   EXPECT_EQ(type_of(file_thread.get()), catalog::kFileThreadRecord);
   EXPECT_EQ(load_be32(file_thread.data() + catalog::kThreadParentId), 16u);

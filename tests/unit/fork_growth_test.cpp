@@ -5,45 +5,12 @@
 #include "alloc_test_support.hpp"
 #include "fork_test_support.hpp"
 
-using alloc_test::field;
-using alloc_test::Volume;
-using fork_test::has;
-using fork_test::logged;
-
-namespace {
+using namespace alloc_test;
+using morv_test::has;
+using morv_test::logged;
 
 // 256 blocks of 4 KiB, free from 29 to 254 (block 255 holds the alternate header).
 const char* const kSmall = "--size 1048576 --label Grow";
-
-uint8_t* startup(morv_volume* v) { return v->header + vh::kStartupFile; }
-
-// The startup file (empty on builder images) with a clump of `blocks`.
-morv_fork* startup_fork(morv_volume* v, uint32_t blocks) {
-  store_be32(startup(v) + forkdata::kClumpSize, blocks * 4096);
-  morv_fork* fork = nullptr;
-  EXPECT_EQ(morv_fork_create(v->device, v->extents, 0, v->header, kStartupFileCnid, startup(v), 0, &fork),
-            MORV_OK);
-  return fork;
-}
-
-std::pair<uint32_t, uint32_t> extent(morv_volume* v, size_t i) {
-  const uint8_t* e = startup(v) + forkdata::kExtents + 8 * i;
-  return {load_be32(e), load_be32(e + 4)};
-}
-
-// Runs one operation on a fresh startup fork of the volume (for failure loops).
-template <typename F>
-morv_err with_startup(morv_volume* v, F f) {
-  morv_fork* fork = nullptr;
-  if (morv_err err = morv_fork_create(v->device, v->extents, 0, v->header, kStartupFileCnid,
-                                      startup(v), 0, &fork))
-    return err;
-  const morv_err err = f(fork);
-  morv_fork_destroy(&fork);
-  return err;
-}
-
-}  // namespace
 
 TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFollows) {
   Volume v(kSmall);
