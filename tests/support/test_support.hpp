@@ -45,6 +45,13 @@ std::string logged(F&& f) {
   f();
   return testing::internal::GetCapturedStderr();
 }
+// Runs `f`, keeping what it logs in `log`; returns its result.
+template <typename F>
+auto logged_into(std::string& log, F&& f) {
+  decltype(f()) result{};
+  log = logged([&] { result = f(); });
+  return result;
+}
 inline bool has(const std::string& log, const char* text) { return log.find(text) != std::string::npos; }
 
 // Runs `op()` with the n-th following operation of `kinds` failing, n = 1, 2,

@@ -14,14 +14,6 @@ namespace {
 // tested with the extents overflow tree).
 morv_extents* const kSomeTree = reinterpret_cast<morv_extents*>(0x1000);
 
-// Leaves modified runs that extents and the item border split:
-// 14-15 | 16-17 | 30 | 2047 | 2048.
-void make_dirty(ForkImage& img) {
-  img.write(14 * 512, bytes_of(2048, 1));
-  img.write(30 * 512 + 100, {0x5A});
-  img.write(1048576 - 256, bytes_of(512, 2));
-}
-
 }  // namespace
 
 TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
@@ -259,7 +251,7 @@ TEST(ForkFailures, CreateReadWriteEachFailureReported) {
   morv_fork* fork = sentinel;
   EXPECT_GT(fail_each(MORV_SEAM_ALLOC, [&] {
     return morv_fork_create(img.device, nullptr, 1, img.header, 4, img.fork_data, 0, &fork);
-  }, [&](morv_err err, bool failed) {
+  }, [&](morv_err err, bool failed, uint64_t) {
     EXPECT_EQ(err, failed ? MORV_ERR_NO_MEMORY : MORV_OK);
     EXPECT_EQ(fork == sentinel, failed);
   }), 4u);
@@ -283,7 +275,7 @@ TEST(ForkFailures, CreateReadWriteEachFailureReported) {
       fail_each(kind, [&] {
         return writing ? morv_fork_write(img.fork, offset, data.data(), length, &count)
                        : morv_fork_read(img.fork, offset, buf.data(), length, &count);
-      }, [&](morv_err err, bool failed) {
+      }, [&](morv_err err, bool failed, uint64_t) {
         EXPECT_EQ(img.file.read_all(), original);
         if (failed) {
           EXPECT_EQ(err, kind == MORV_SEAM_ALLOC ? MORV_ERR_NO_MEMORY : MORV_ERR_IO);
@@ -313,7 +305,7 @@ TEST(ForkFailures, FlushWritesOnlyWholeModifiedSectors) {
   std::unique_ptr<ForkImage> img = split_image();
   make_dirty(*img);
   const std::vector<uint8_t> before = img->file.read_all();
-  EXPECT_EQ(fail_each(MORV_SEAM_WRITE, [&] { return morv_fork_flush(img->fork); }, [&](morv_err err, bool failed) {
+  EXPECT_EQ(fail_each(MORV_SEAM_WRITE, [&] { return morv_fork_flush(img->fork); }, [&](morv_err err, bool failed, uint64_t) {
     const std::vector<uint8_t> after = img->file.read_all();
     if (!failed) {
       EXPECT_EQ(err, MORV_OK);
