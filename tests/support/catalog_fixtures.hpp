@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <chrono>
 #include <fcntl.h>
 #include <string>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -71,6 +74,34 @@ struct OpenDevice {
   int fd = -1;
   morv_device* device = nullptr;
 };
+
+// Bytes that differ from sector to sector.
+inline std::vector<uint8_t> sector_pattern(size_t n) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 7 + i / 512);
+  return v;
+}
+
+// Creates a device on `path` in a child process; returns the child's pid.
+// The child exits 0 once the device (and so the lock) was obtained.
+inline pid_t lock_in_child(const std::string& path, bool read_only) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    int fd = open(path.c_str(), read_only ? O_RDONLY : O_RDWR);
+    morv_device* device = nullptr;
+    _exit(fd >= 0 && morv_device_create(fd, read_only, 512, 0, &device) == MORV_OK ? 0 : 1);
+  }
+  return pid;
+}
+// Waits up to `ms` for the child; returns its exit status or -1 if it is still running.
+inline int wait_child(pid_t pid, int ms) {
+  for (int waited = 0; waited <= ms; waited += 10) {
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return -1;
+}
 
 // An image from the builder in a scratch file.
 struct BuiltImage {
