@@ -45,6 +45,10 @@ std::string logged(F&& f) {
   f();
   return testing::internal::GetCapturedStderr();
 }
+// Expects `call` to give `expected` and to log `text` on stderr.
+#define EXPECT_LOGGED(call, expected, text) \
+  EXPECT_TRUE(morv_test::has(morv_test::logged([&] { EXPECT_EQ(call, expected); }), text)) << (text)
+
 // Runs `f`, keeping what it logs in `log`; returns its result.
 template <typename F>
 auto logged_into(std::string& log, F&& f) {

@@ -20,8 +20,8 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   ASSERT_EQ(AllocateExtentAllocationBlocks(39, 1, v.volume), MORV_OK);
   EXPECT_EQ(v.bitmap_byte(4), 0x81);
   // A run whose third block is taken sets two bits, clears them again, returns 1.
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC); }),
-                  "Block 39 is already allocated.\n"));
+  EXPECT_LOGGED(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC,
+                "Block 39 is already allocated.\n");
   EXPECT_EQ(v.bitmap_byte(4), 0x81);
   EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks - 2);
   // A run starting at nextAllocation moves it behind the run.
@@ -76,9 +76,8 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   // Block 42 is free now: freeing the whole fork stops there and marks 40
   // and 41 again.
   freed = 99;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_ERR_GENERIC);
-  }), "Error while freeing allocation block 42.\n"));
+  EXPECT_LOGGED(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_ERR_GENERIC,
+                "Error while freeing allocation block 42.\n");
   EXPECT_EQ(freed, 99u);
   EXPECT_TRUE(v.marked(40) && v.marked(41) && v.marked(51));
   // A range past the extents frees what they hold.
@@ -196,9 +195,8 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
 
   auto full = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
   const auto before = full;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(UpdateForks(v.volume, full.data(), 8 * 4096, 1, &loc), MORV_ERR_EXTENT_LIMIT);
-  }), "HFSPlus: [UpdateForks] Not handling overflow extents yet.\n"));
+  EXPECT_LOGGED(UpdateForks(v.volume, full.data(), 8 * 4096, 1, &loc), MORV_ERR_EXTENT_LIMIT,
+                "HFSPlus: [UpdateForks] Not handling overflow extents yet.\n");
   EXPECT_EQ(full, before);
   // Under failures the fork data changes only with a successful call.
   alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {

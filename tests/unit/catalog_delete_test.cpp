@@ -51,9 +51,8 @@ TEST(CatalogDelete, FilesOfOneToTwentyExtentsWithResourceForksThenFoldersOnceEmp
   int can = -1;
   ASSERT_EQ(morv_catalog_can_delete_file(v.volume->catalog, folder.get(), &can), MORV_OK);
   EXPECT_EQ(can, 0);
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_catalog_delete(v.volume->catalog, v.volume, folder.get()), MORV_ERR_INVALID_ARGUMENT);
-  }), "Invalid parameter: Folder 17 is not empty.\n"));
+  EXPECT_LOGGED(morv_catalog_delete(v.volume->catalog, v.volume, folder.get()), MORV_ERR_INVALID_ARGUMENT,
+                "Invalid parameter: Folder 17 is not empty.\n");
   v.flush();
   EXPECT_EQ(v.bytes(), before);
 
@@ -113,8 +112,8 @@ TEST(CatalogDelete, MissingThreadsNeitherTakeANeighbourNorHideAChild) {
   // the neighbouring thread stays: once folder 16's thread is back (by a
   // rename in place) the checker finds nothing wrong.
   const uint32_t files = v.files();
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(delete_record(v.volume, {u"file 000000"}), MORV_OK); }),
-                  "No thread record found for deleted file.\n"));
+  EXPECT_LOGGED(delete_record(v.volume, {u"file 000000"}), MORV_OK,
+                "No thread record found for deleted file.\n");
   EXPECT_EQ(v.files(), files - 1);
   logged([&] {
     ASSERT_EQ(morv_test::rename_to(v.volume->catalog, &busy.result.locator, kRootFolderCnid, u"folder 1"), MORV_OK);
@@ -162,8 +161,8 @@ TEST(CatalogFileRecords, SizesFromEitherForkAndNoWriteOutsideTheRecord) {
   EXPECT_EQ(morv_catalog_widechar_to_utf8(name.data(), name.size(), out, 6), 5u);
   EXPECT_EQ(std::string(out), "a/b\xc3\xa9");
   memset(out, 'x', sizeof out);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_catalog_widechar_to_utf8(name.data(), name.size(), out, 5), 0u); }),
-                  "Error while decoding UTF-16.\n"));
+  EXPECT_LOGGED(morv_catalog_widechar_to_utf8(name.data(), name.size(), out, 5), 0u,
+                "Error while decoding UTF-16.\n");
   EXPECT_EQ(std::string(out + 5, 3), "xxx");
 }
 
@@ -210,8 +209,7 @@ TEST(CatalogSymlinks, OneBlockHoldsTheTargetAndRefusalsChangeNothing) {
 
   // No free block: no error value of its own.
   Volume full("--size 1048576 --label Full --files 1 --free-blocks 0");
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(make_symlink(full.volume, 16, u"x"), MORV_ERR_GENERIC); }),
-                  "At error with no error value set!\n"));
+  EXPECT_LOGGED(make_symlink(full.volume, 16, u"x"), MORV_ERR_GENERIC, "At error with no error value set!\n");
 }
 
 TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {

@@ -72,8 +72,8 @@ TEST(CatalogLookups, ByCnidThreadAndPath) {
   ASSERT_EQ(find(cat.catalog, {file}, &found), MORV_OK);
   EXPECT_EQ(found.get()->record_type, catalog::kFileRecord);
 
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(by_path(cat.catalog, {file, u"x"}, &found), MORV_ERR_INTERNAL); }),
-                  "Unexpected record type for parent directory in lookup: 2.\n"));
+  EXPECT_LOGGED(by_path(cat.catalog, {file, u"x"}, &found), MORV_ERR_INTERNAL,
+                "Unexpected record type for parent directory in lookup: 2.\n");
   EXPECT_EQ(found.get(), nullptr);
 }
 
@@ -111,9 +111,8 @@ TEST(CatalogRename, RootFolderAndFilesKeepThreadsAndValences) {
   EXPECT_EQ(load_be16(cat.by_cnid(kRootFolderCnid, 0).data() + catalog::kThreadName), 60);
 
   // Moving the root under another folder is refused before anything changes.
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(rename_to(cat.catalog, &root.result.locator, 16, u"abc"), MORV_ERR_INVALID_ARGUMENT);
-  }), "Attempting to move root directory"));
+  EXPECT_LOGGED(rename_to(cat.catalog, &root.result.locator, 16, u"abc"), MORV_ERR_INVALID_ARGUMENT,
+                "Attempting to move root directory");
   EXPECT_NE(root.get(), nullptr);
 
   // A file of the root moved into the first folder (CNID 16 is a folder).

@@ -54,8 +54,8 @@ TEST(Device, RefusesUnaddressableRangesAndReportsShortOrFailedTransfers) {
   EXPECT_EQ(morv_seam_get_stats().reads, 0u);
 
   // Past the end of the image: a short read, the self-allocated buffer freed.
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_device_read_disk_sectors(dev.device, 3, 2, &buffer), MORV_ERR_IO); }),
-                  "Partial read into buffer: 512/1024 bytes read"));
+  EXPECT_LOGGED(morv_device_read_disk_sectors(dev.device, 3, 2, &buffer), MORV_ERR_IO,
+                "Partial read into buffer: 512/1024 bytes read");
   EXPECT_EQ(buffer, nullptr);
 
   // A failed transfer, and a write on a read-only descriptor.
@@ -70,8 +70,8 @@ TEST(Device, RefusesUnaddressableRangesAndReportsShortOrFailedTransfers) {
 
   // An allocation failure leaves the caller's place unwritten.
   morv_seam_fail_at(MORV_SEAM_ALLOC, 1);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_device_read_disk_sectors(dev.device, 0, 1, &buffer), MORV_ERR_NO_MEMORY); }),
-                  "Error while allocating read buffer of 512 bytes."));
+  EXPECT_LOGGED(morv_device_read_disk_sectors(dev.device, 0, 1, &buffer), MORV_ERR_NO_MEMORY,
+                "Error while allocating read buffer of 512 bytes.");
   EXPECT_EQ(buffer, nullptr);
 }
 
@@ -86,8 +86,8 @@ TEST(Device, CreationFailuresLeaveNothingBehind) {
     EXPECT_EQ(device == nullptr, failed);
   }), 2u);
   morv_device_destroy(&device);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_device_create(-1, 1, 512, 0, &device), MORV_ERR_GENERIC); }),
-                  "Error while locking device for shared access: Bad file descriptor (9)."));
+  EXPECT_LOGGED(morv_device_create(-1, 1, 512, 0, &device), MORV_ERR_GENERIC,
+                "Error while locking device for shared access: Bad file descriptor (9).");
   EXPECT_EQ(device, nullptr);
   close(fd);
 }

@@ -93,8 +93,8 @@ TEST(ForkGrowth, WriteLocationsLengthenTheLastExtentOrFillTheNextOnly) {
   EXPECT_EQ(apply(0, 60, 1), MORV_ERR_INVALID_ARGUMENT);
   EXPECT_EQ(apply(3, 60, 1), MORV_ERR_INVALID_ARGUMENT);
   EXPECT_EQ(apply(2, 60, 0), MORV_ERR_INVALID_ARGUMENT);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(apply(8, 60, 1), MORV_ERR_EXTENT_LIMIT); }),
-                  "Unable to update fork extents beyond the first 8 extents."));
+  EXPECT_LOGGED(apply(8, 60, 1), MORV_ERR_EXTENT_LIMIT,
+                "Unable to update fork extents beyond the first 8 extents.");
   EXPECT_EQ(memcmp(before, fd, sizeof fd), 0);
   EXPECT_EQ(UpdateForkExtents(nullptr, nullptr), MORV_ERR_INVALID_ARGUMENT);
 }
@@ -117,8 +117,8 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   ASSERT_EQ(morv_fork_create(v.device, nullptr, 1, v.volume->header, 5, bad_blocks, 0, &other), MORV_OK);
   unchanged(other, MORV_ERR_INTERNAL, "Invalid CNID for morv_fork_expand (5). We currently only "
                                       "support forks with their fork data in the volume header.\n");
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_shrink(other, v.volume, 1), MORV_ERR_INTERNAL); }),
-                  "Invalid CNID for morv_fork_shrink (5)."));
+  EXPECT_LOGGED(morv_fork_shrink(other, v.volume, 1), MORV_ERR_INTERNAL,
+                "Invalid CNID for morv_fork_shrink (5).");
   morv_fork_destroy(&other);
   // The bitmap's own fork would write through itself while growing.
   unchanged(v.volume->bitmap->priv->fork, MORV_ERR_INTERNAL, "serves as the volume's bitmap");
@@ -146,8 +146,8 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   store_be32(startup(v.volume) + forkdata::kClumpSize, 4 * 4096);
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
   ASSERT_EQ(morv_fork_write(fork, 100, "x", 1, nullptr), MORV_OK);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_ERR_INVALID_ARGUMENT); }),
-                  "Error while flushing trailing part of fork.\n"));
+  EXPECT_LOGGED(morv_fork_expand(fork, v.volume, &added), MORV_ERR_INVALID_ARGUMENT,
+                "Error while flushing trailing part of fork.\n");
   ASSERT_EQ(morv_fork_flush(fork), MORV_OK);
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
   ASSERT_EQ(morv_fork_shrink(fork, v.volume, 8), MORV_OK);
@@ -160,8 +160,8 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   Volume tight("--size 1048576 --label Tight --free-blocks 3");
   fork = startup_fork(tight.volume, 4);
   const uint32_t free_blocks = field(tight.volume, vh::kFreeBlocks);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(fork, tight.volume, &added), MORV_ERR_UNSUPPORTED); }),
-                  "No free run of 4 blocks found in the allocation file.\n"));
+  EXPECT_LOGGED(morv_fork_expand(fork, tight.volume, &added), MORV_ERR_UNSUPPORTED,
+                "No free run of 4 blocks found in the allocation file.\n");
   EXPECT_EQ(field(tight.volume, vh::kFreeBlocks), free_blocks);
   EXPECT_EQ(load_be32(startup(tight.volume) + forkdata::kTotalBlocks), 0u);
   morv_fork_destroy(&fork);

@@ -42,12 +42,12 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
   }
   {  // sizes beyond the fork's blocks or the volume's are refused before anything is sized
     ForkImage img(512, 8, {{1, 2}}, uint64_t{1} << 42);
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(img.create(), MORV_ERR_CORRUPT); }),
-                    "Fork of CNID 4 is 4398046511104 bytes long, beyond its 2 allocation blocks of 512 bytes.\n"));
+    EXPECT_LOGGED(img.create(), MORV_ERR_CORRUPT,
+                  "Fork of CNID 4 is 4398046511104 bytes long, beyond its 2 allocation blocks of 512 bytes.\n");
     store_be64(img.fork_data, 1024);
     store_be32(img.header + vh::kTotalBlocks, 1);
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(img.create(), MORV_ERR_CORRUPT); }),
-                    "Fork of CNID 4 has 2 allocation blocks, more than the volume's 1.\n"));
+    EXPECT_LOGGED(img.create(), MORV_ERR_CORRUPT,
+                  "Fork of CNID 4 has 2 allocation blocks, more than the volume's 1.\n");
     EXPECT_EQ(img.fork, nullptr);
   }
   // Refusals leave the out-parameters alone.
@@ -59,13 +59,13 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
   {  // an empty extent with a start block, although the fork is already covered
     ForkImage img(512, 8, {{1, 2}});
     store_be32(img.fork_data + forkdata::kExtents + 8, 5);
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(resolve(nullptr, 1, img), MORV_ERR_CORRUPT); }),
-                    "Found zero-sized extent with non-0 start block.\n"));
+    EXPECT_LOGGED(resolve(nullptr, 1, img), MORV_ERR_CORRUPT,
+                  "Found zero-sized extent with non-0 start block.\n");
     // fewer than eight extents that stop short of totalBlocks
     store_be32(img.fork_data + forkdata::kExtents + 8, 0);
     store_be32(img.fork_data + forkdata::kTotalBlocks, 3);
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(resolve(kSomeTree, 0, img), MORV_ERR_CORRUPT); }),
-                    "Last extent ends before the end of the fork.\n"));
+    EXPECT_LOGGED(resolve(kSomeTree, 0, img), MORV_ERR_CORRUPT,
+                  "Last extent ends before the end of the fork.\n");
   }
   // Blocks missing behind eight full extents.
   ForkImage img(512, 40, eight);
@@ -110,9 +110,8 @@ TEST(ForkRead, ServedOnceAcrossBordersAndPartialLastSector) {
   EXPECT_EQ(buf, img.fork_bytes(extent_end - 32, 64));
   EXPECT_TRUE(g_requests.empty());
   EXPECT_EQ(morv_seam_get_stats().allocs, 0u);
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_fork_read(img.fork, 264 * 4096 - 8, buf.data(), 9, &got), MORV_ERR_INVALID_ARGUMENT);
-  }), "Attempted to read outside allocated fork size! Offset: 1081336, Length: 9, fork data size: 1081344\n"));
+  EXPECT_LOGGED(morv_fork_read(img.fork, 264 * 4096 - 8, buf.data(), 9, &got), MORV_ERR_INVALID_ARGUMENT,
+                "Attempted to read outside allocated fork size! Offset: 1081336, Length: 9, fork data size: 1081344\n");
   EXPECT_EQ(got, 0u);
 
   ForkImage small(512, 8, {{3, 2}}, 1000);
@@ -134,13 +133,11 @@ TEST(ForkMap, BorderReferencesAndPointers) {
   ASSERT_EQ(img.create(), MORV_OK);
   uint8_t* p = nullptr;
   size_t mapped = 7;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_fork_unmap(img.fork, 1048576, &p, 512), MORV_ERR_INVALID_ARGUMENT);
-  }), "Cache item 1 does not exist and cannot be unmapped.\n"));
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_fork_map(img.fork, 1048560, &p, 32, &mapped), MORV_ERR_INVALID_ARGUMENT);
-  }), "Cannot map region crossing cache item borders (offset: 1048560, length: 32, "
-      "first_cache_item: 0, last_cache_item: 1).\n"));
+  EXPECT_LOGGED(morv_fork_unmap(img.fork, 1048576, &p, 512), MORV_ERR_INVALID_ARGUMENT,
+                "Cache item 1 does not exist and cannot be unmapped.\n");
+  EXPECT_LOGGED(morv_fork_map(img.fork, 1048560, &p, 32, &mapped), MORV_ERR_INVALID_ARGUMENT,
+                "Cannot map region crossing cache item borders (offset: 1048560, length: 32, "
+                "first_cache_item: 0, last_cache_item: 1).\n");
   EXPECT_EQ(mapped, 0u);
   EXPECT_EQ(p, nullptr);
 
@@ -151,9 +148,8 @@ TEST(ForkMap, BorderReferencesAndPointers) {
   EXPECT_EQ(std::vector<uint8_t>(p, p + 1536), img.fork_bytes(1024, 1536));
   EXPECT_EQ(item->references, 3u);  // one per sector mapped
   uint8_t* wrong = p + 512;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_fork_unmap(img.fork, 1024, &wrong, 1536), MORV_ERR_INVALID_ARGUMENT);
-  }), "Unexpected pointer when unmapping"));
+  EXPECT_LOGGED(morv_fork_unmap(img.fork, 1024, &wrong, 1536), MORV_ERR_INVALID_ARGUMENT,
+                "Unexpected pointer when unmapping");
   EXPECT_EQ(item->references, 3u);
   EXPECT_EQ(morv_fork_unmap(img.fork, 1024, &p, 1536), MORV_OK);
   EXPECT_EQ(p, nullptr);
@@ -208,8 +204,8 @@ TEST(ForkWrite, CacheOnlyThenFlushWritesModifiedRuns) {
   img->device->sector_size = 512;
   img->write(0, bytes_of(512, 4));
   img->device->sector_size = 4096;
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_flush(img->fork), MORV_ERR_INTERNAL); }),
-                  "Modification bitmap block size (512) is not a multiple of sector size (4096).\n"));
+  EXPECT_LOGGED(morv_fork_flush(img->fork), MORV_ERR_INTERNAL,
+                "Modification bitmap block size (512) is not a multiple of sector size (4096).\n");
   EXPECT_TRUE(g_requests.empty());
   img->device->sector_size = 512;
 }
@@ -233,10 +229,10 @@ TEST(ForkWrite, FillAndBounds) {
   EXPECT_EQ(img.file.read_all(), img.disk);
   uint8_t byte = 0;
   size_t written = 9;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(morv_fork_fill(img.fork, 40 * 512 - 10, 11, 0, &filled), MORV_ERR_INVALID_ARGUMENT);
-    EXPECT_EQ(morv_fork_write(img.fork, 40 * 512, &byte, 1, &written), MORV_ERR_INVALID_ARGUMENT);
-  }), "Attempted to fill outside allocated fork size! Offset: 20470, Length: 11, fork data size: 20480\n"));
+  EXPECT_LOGGED(morv_fork_fill(img.fork, 40 * 512 - 10, 11, 0, &filled), MORV_ERR_INVALID_ARGUMENT,
+                "Attempted to fill outside allocated fork size! Offset: 20470, Length: 11, fork data size: 20480\n");
+  EXPECT_LOGGED(morv_fork_write(img.fork, 40 * 512, &byte, 1, &written), MORV_ERR_INVALID_ARGUMENT,
+                "Attempted to write outside allocated fork size!");
   EXPECT_EQ(filled, 0u);
   EXPECT_EQ(written, 0u);
 }

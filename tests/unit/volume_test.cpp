@@ -54,8 +54,8 @@ TEST(VolumeHeader, RefusesOtherSignaturesAndReportsReadAndWriteFailures) {
   uint8_t header[vh::kSize] = {};
   const char* kind = "unchanged";
   store_be16(header, 0x4244);  // plain HFS or an HFS wrapper
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_volume_check_signature(header, &kind), MORV_ERR_GENERIC); }),
-                  "Invalid signature word for HFS+ volume: 0x16964\n"));
+  EXPECT_LOGGED(morv_volume_check_signature(header, &kind), MORV_ERR_GENERIC,
+                "Invalid signature word for HFS+ volume: 0x16964\n");
   EXPECT_STREQ(kind, "unchanged");
   store_be16(header, vh::kSignatureHfsPlus);
   EXPECT_EQ(morv_volume_check_signature(header, &kind), MORV_OK);
@@ -68,13 +68,13 @@ TEST(VolumeHeader, RefusesOtherSignaturesAndReportsReadAndWriteFailures) {
   size_t length = 0;
   uint8_t* at = nullptr;
   morv_seam_fail_at(MORV_SEAM_READ, 1);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_volume_read_header(dev.device, &buffer, &length, &at), MORV_ERR_IO); }),
-                  "Error while reading volume header disk sector.\n"));
+  EXPECT_LOGGED(morv_volume_read_header(dev.device, &buffer, &length, &at), MORV_ERR_IO,
+                "Error while reading volume header disk sector.\n");
   EXPECT_EQ(buffer, nullptr);
   uint8_t sector[512] = {};
   morv_seam_fail_at(MORV_SEAM_WRITE, 1);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_volume_write_header(dev.device, sector, sizeof sector), MORV_ERR_IO); }),
-                  "Error while flushing volume header.\n"));
+  EXPECT_LOGGED(morv_volume_write_header(dev.device, sector, sizeof sector), MORV_ERR_IO,
+                "Error while flushing volume header.\n");
   EXPECT_EQ(file.read_all(), header_image(vh::kSignatureHfsPlus));
 }
 
@@ -161,8 +161,8 @@ TEST(VolumeLabel, RenamesTheRootFolderOnlyInTheCatalog) {
   const std::vector<uint8_t> header_before(v.volume->header, v.volume->header + vh::kSize);
 
   auto too_long = big_endian(std::u16string(256, u'x'));
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_volume_set_label(v.volume, too_long.data(), 256), MORV_ERR_INVALID_ARGUMENT); }),
-                  "Label length (256) too large.\n"));
+  EXPECT_LOGGED(morv_volume_set_label(v.volume, too_long.data(), 256), MORV_ERR_INVALID_ARGUMENT,
+                "Label length (256) too large.\n");
   EXPECT_EQ(v.label(), u"Before");
 
   // Nothing reaches the disk before the flush.
