@@ -38,7 +38,11 @@ struct Volume : morv_test::OpenVolume {
     ASSERT_EQ(morv_fork_flush(catalog_tree()->fork), MORV_OK);
     ASSERT_EQ(morv_volume_flush(volume), MORV_OK);
   }
-  std::string check() const { return morv_test::check_image(file.path()); }
+  // Flushes everything and runs the volume checker: empty when clean.
+  std::string check() {
+    flush();
+    return morv_test::check_image(file.path());
+  }
   uint32_t free_blocks() const { return field(volume, vh::kFreeBlocks); }
   uint32_t files() const { return field(volume, vh::kFileCount); }
   uint32_t folders() const { return field(volume, vh::kFolderCount); }

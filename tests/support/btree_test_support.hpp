@@ -123,6 +123,30 @@ inline void patch_file(Image& image, size_t fork_field, uint64_t offset,
             static_cast<ssize_t>(bytes.size()));
   ::close(fd);
 }
+// An extents tree of 512-byte nodes with 2600 free nodes after the used ones:
+// the header's map record covers nodes 0..2047, a map node the rest.
+inline const char* const kMapNodeExtents =
+    "--size 16777216 --label N --files 10 --extents-node-size 512 --free-extents-nodes 2600 "
+    "--fragmented-files 10 --file-fragments 60";
+
+// Damages the node bitmap of the tree in `fork_field` (nodes of 512 bytes, one
+// map node): the header's map record all set, and the map node linked to
+// itself with two bytes of bits all set, or with an empty map record. A
+// claim then asks the rest of the bitmap of the map node's fLink, itself.
+inline void loop_map_node(Image& image, size_t fork_field, bool empty_record) {
+  const auto header_node = read_file(image, fork_field, 0, 512);
+  const uint32_t map = load_be32(&header_node[0]);
+  ASSERT_NE(map, 0u);
+  patch_file(image, fork_field, load_be16(&header_node[512 - 6]), std::vector<uint8_t>(256, 0xFF));
+  const uint64_t at = uint64_t{map} * 512;
+  auto node = read_file(image, fork_field, at, 512);
+  store_be32(&node[0], map);
+  const uint16_t first = load_be16(&node[510]);
+  std::fill(node.begin() + first, node.begin() + first + 2, 0xFF);
+  store_be16(&node[508], static_cast<uint16_t>(empty_record ? first : first + 2));
+  patch_file(image, fork_field, at, node);
+}
+
 inline std::vector<uint8_t> be32(uint32_t v) {
   std::vector<uint8_t> out(4);
   store_be32(out.data(), v);

@@ -57,7 +57,6 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
     return err;
   });
   morv_volume_increment_free_blocks(v.volume, 20);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 }
 
@@ -85,7 +84,6 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 4, 100, v.volume->bitmap, &freed), MORV_OK);
   EXPECT_EQ(freed, 1u);
   morv_volume_increment_free_blocks(v.volume, 5);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 }
 
@@ -113,7 +111,6 @@ TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
   EXPECT_EQ(loc.start_block, 32u);
   ASSERT_EQ(AllocateExtentAllocationBlocks(255, 1, v.volume), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // A full volume: from its last block around to block 0 and back, nothing.
@@ -210,7 +207,6 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
   ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_OK);
   ASSERT_EQ(FreeAllocationBlock(32, v.volume->bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, freed + 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // No free run: an error, and the fork data keeps no run at block 0.

@@ -200,22 +200,8 @@ TEST(BtreeDamage, DamagedNodeBitmapsEndClaimsWithCorrupt) {
   // with its bits all set, or with an empty map record.
   for (bool empty_record : {false, true}) {
     SCOPED_TRACE(empty_record);
-    Image image("--size 16777216 --label N --files 10 --extents-node-size 512 "
-                "--free-extents-nodes 2600 --fragmented-files 10 --file-fragments 60");
-    const auto header_node = read_file(image, vh::kExtentsFile, 0, 512);
-    const uint32_t map = load_be32(&header_node[0]);
-    ASSERT_NE(map, 0u);
-    patch_file(image, vh::kExtentsFile, load_be16(&header_node[512 - 6]),
-               std::vector<uint8_t>(256, 0xFF));
-    const uint64_t at = uint64_t{map} * 512;
-    auto node = read_file(image, vh::kExtentsFile, at, 512);
-    store_be32(&node[0], map);
-    // Two bytes of bits (or none) in the map node: the rest of the bitmap is
-    // asked of its fLink, itself.
-    const uint16_t first = load_be16(&node[510]);
-    std::fill(node.begin() + first, node.begin() + first + 2, 0xFF);
-    store_be16(&node[508], static_cast<uint16_t>(empty_record ? first : first + 2));
-    patch_file(image, vh::kExtentsFile, at, node);
+    Image image(kMapNodeExtents);
+    loop_map_node(image, vh::kExtentsFile, empty_record);
     ASSERT_EQ(image.open_extents(), MORV_OK);
     uint32_t claimed = 0;
     const std::string log = logged(
@@ -226,10 +212,7 @@ TEST(BtreeDamage, DamagedNodeBitmapsEndClaimsWithCorrupt) {
 }
 
 TEST(BtreeClaims, LowestFreeNodesFromHeaderMapAndMapNodeThenNoSplit) {
-  // 2600 free nodes of 512 bytes after the used ones: the header's map
-  // record covers nodes 0..2047, a map node the rest.
-  Image image("--size 16777216 --label N --files 10 --extents-node-size 512 "
-              "--free-extents-nodes 2600 --fragmented-files 10 --file-fragments 60");
+  Image image(kMapNodeExtents);
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* tree = image.tree();
   const Header before = read_header(tree);

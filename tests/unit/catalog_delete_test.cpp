@@ -33,7 +33,6 @@ void delete_and_check(Volume& v, uint32_t cnid, uint32_t blocks_freed) {
   EXPECT_TRUE(has(log, "INFO: No parent rec in delete..This is a todo\n")) << log;
   EXPECT_EQ(v.free_blocks(), free_before + blocks_freed) << "CNID " << cnid;
   EXPECT_EQ(v.files(), files_before - 1);
-  v.flush();
   ASSERT_EQ(v.check(), "") << "after deleting CNID " << cnid;
 }
 
@@ -65,7 +64,6 @@ TEST(CatalogDelete, FilesOfOneToTwentyExtentsWithResourceForksThenFoldersOnceEmp
   EXPECT_EQ(can, 1);
   ASSERT_EQ(morv_catalog_delete(v.volume->catalog, v.volume, folder.get()), MORV_OK);
   EXPECT_EQ(v.folders(), folders - 1);
-  v.flush();
   ASSERT_EQ(v.check(), "");
 
   // Neither the root nor a thread record can go, nor a record whose parent
@@ -118,7 +116,6 @@ TEST(CatalogDelete, MissingThreadsNeitherTakeANeighbourNorHideAChild) {
   logged([&] {
     ASSERT_EQ(morv_test::rename_to(v.volume->catalog, &busy.result.locator, kRootFolderCnid, u"folder 1"), MORV_OK);
   });
-  v.flush();
   EXPECT_EQ(v.check(), "");
 }
 
@@ -184,7 +181,6 @@ TEST(CatalogSymlinks, OneBlockHoldsTheTargetAndRefusalsChangeNothing) {
   EXPECT_EQ(load_be32(fork + forkdata::kExtents + 4), 1u);
   const uint32_t block = load_be32(fork + forkdata::kExtents);
   EXPECT_EQ(v.free_blocks(), free_before - 1);
-  v.flush();
   ASSERT_EQ(v.check(), "");
   const std::vector<uint8_t> image = v.bytes();
   std::string written(reinterpret_cast<const char*>(&image[uint64_t{block} * 4096]), 4096);
@@ -243,7 +239,6 @@ TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
     EXPECT_EQ(link_count(), 2u);
     ASSERT_EQ(delete_record(v.volume, {u"link 1"}), MORV_OK);
     EXPECT_EQ(link_count(), 1u);
-    v.flush();
     ASSERT_EQ(v.check(), "");
     ASSERT_EQ(delete_record(v.volume, 22u), MORV_OK);
     testing::internal::GetCapturedStderr();
@@ -251,7 +246,6 @@ TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
     EXPECT_EQ(find(v.volume->catalog, 16, 1, &gone), MORV_ERR_CORRUPT);
     EXPECT_EQ(v.free_blocks(), free_before + 10);
     EXPECT_EQ(v.files(), files - 4);
-    v.flush();
     EXPECT_EQ(v.check(), "");
   }
 }
@@ -272,7 +266,6 @@ TEST(CatalogDelete, EveryFailureLeavesTheImageAsItWasAndLeaksNothing) {
       return err;
     });
     EXPECT_GT(failures, 0u);
-    v.flush();
     EXPECT_EQ(v.check(), "");
   };
   run([](morv_volume* vol) { return delete_record(vol, 18u); });
@@ -298,7 +291,6 @@ TEST(CatalogDelete, DeletingEverythingInRandomOrderEndsAsAFreshEmptyVolume) {
   }
   for (uint32_t folder : {18u, 17u, 16u, 21u, 20u, 19u}) ASSERT_EQ(delete_record(v.volume, folder), MORV_OK);
   testing::internal::GetCapturedStderr();
-  v.flush();
   ASSERT_EQ(v.check(), "");
 
   // The same shape built empty: its catalog and extents files as large.

@@ -41,7 +41,6 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   EXPECT_EQ(extent(v.volume, 1), std::make_pair(40u, 4u));
   ASSERT_EQ(FreeAllocationBlock(37, v.volume->bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");  // bitmap, freeBlocks and the alternate header's extents
 
   // Shrinking by 6 drops the second extent and cuts the first to 6 blocks.
@@ -56,7 +55,6 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin() + 4096));
   ASSERT_EQ(morv_fork_shrink(fork, v.volume, 6), MORV_OK);
   EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   const uint64_t alternate = 256 * 4096 - 1024;
   const auto flushed = v.bytes();
@@ -152,7 +150,6 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
   ASSERT_EQ(morv_fork_shrink(fork, v.volume, 8), MORV_OK);
   morv_fork_destroy(&fork);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // A volume without a free run of the clump: an error, and no block 0
@@ -181,13 +178,11 @@ TEST(ForkGrowth, InjectedFailuresLeaveTheVolumeAsItWas) {
   };
   EXPECT_GT(alloc_test::fail_each_unchanged(v, expand), 0u);
   EXPECT_EQ(load_be32(startup(v.volume) + forkdata::kTotalBlocks), 3u);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {
               return with_startup(vol, [&](morv_fork* f) { return morv_fork_shrink(f, vol, 2); });
             }), 0u);
   EXPECT_EQ(load_be32(startup(v.volume) + forkdata::kTotalBlocks), 1u);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   // A growth taken back after writes into its blocks leaves nothing to
   // write and the image as it was.
