@@ -20,7 +20,7 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from cli_support import (EMULATOR, TOOL, USAGE, ImageCase, blkid_label, build, build_xorriso,  # noqa: E402
                          check, contents, digest, hfs_decomposed, needs_mount_namespace, tool,
-                         utf16_units)
+                         tool_in_mount_namespace, utf16_units)
 
 
 class CommandLine(ImageCase):
@@ -58,19 +58,13 @@ class CommandLine(ImageCase):
         os.symlink(image, link)
         mountpoint = self.path("mnt")
         os.mkdir(mountpoint)
-        script = ('mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"')
-        command = ["unshare", "-m", "sh", "-c", script, "sh", image, mountpoint] + EMULATOR + [TOOL]
-        refused = subprocess.run(command + [image, "New"], capture_output=True)
-        if refused.returncode == 99:
-            self.skipTest("mounting is not permitted here")
-        self.assertEqual(refused.returncode, 1)
-        self.assertEqual(refused.stderr, b"Refusing to open mounted file system.\n")
-        self.assertEqual(subprocess.run(command + [image], capture_output=True).stderr,
-                         b"Refusing to open mounted file system.\n")
+        script = 'mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"'
+        for args in ([image, "New"], [image]):
+            result = tool_in_mount_namespace(self, script, [image, mountpoint], *args)
+            self.assertEqual((result.returncode, result.stderr), (1, b"Refusing to open mounted file system.\n"))
         # Another path to the same file is not recognised.
-        other = subprocess.run(command + [link], capture_output=True)
-        self.assertEqual(other.returncode, 0, other.stderr)
-        self.assertEqual(other.stdout, b"Mounted\n")
+        other = tool_in_mount_namespace(self, script, [image, mountpoint], link)
+        self.assertEqual((other.returncode, other.stdout), (0, b"Mounted\n"), other.stderr)
 
     def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
         needs_mount_namespace(self)
@@ -96,18 +90,14 @@ class CommandLine(ImageCase):
                 fake = self.path("mounts")
                 with open(fake, "w") as f:
                     f.write(table)
-                result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh", fake] + EMULATOR
-                                        + [TOOL, image], capture_output=True)
-                if result.returncode == 99:
-                    self.skipTest("mounting is not permitted here")
+                result = tool_in_mount_namespace(self, script, [fake], image)
                 self.assertEqual(result.returncode, 1 if refused else 0, result.stderr)
                 self.assertEqual(result.stdout, b"" if refused else b"Listed\n")
         # A table that opens but cannot be read (here the process's memory,
         # whose first page is unmapped) leaves the mount state unknown: the
         # run stops as if the table could not be opened.
         script = 'mount --bind /proc/$$/mem /proc/$$/mounts || exit 99; exec "$@"'
-        result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh"] + EMULATOR + [TOOL, image],
-                                capture_output=True)
+        result = tool_in_mount_namespace(self, script, [], image)
         self.assertEqual((result.returncode, result.stdout, result.stderr),
                          (1, b"", b"Error while opening /proc/mounts for reading: Input/output error (5)\n"))
 

@@ -45,6 +45,18 @@ def needs_mount_namespace(test):
         test.skipTest("needs root and unshare to mount in a private namespace")
 
 
+def tool_in_mount_namespace(test, script, script_args, *args):
+    """Runs the tool with `args` in a private mount namespace, once the shell
+    `script` (given `script_args`, which it shifts away before exec'ing the
+    tool in its place) has mounted what it needs; skips the test where
+    mounting is not permitted (the script exits 99)."""
+    command = ["unshare", "-m", "sh", "-c", script, "sh"] + list(script_args) + EMULATOR + [TOOL]
+    result = subprocess.run(command + list(args), capture_output=True)
+    if result.returncode == 99:
+        test.skipTest("mounting is not permitted here")
+    return result
+
+
 def check(test, path, *options):
     out = subprocess.run([sys.executable, os.path.join(SUPPORT, "checkimage.py"), path, *options],
                          capture_output=True, text=True)

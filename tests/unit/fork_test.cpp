@@ -7,15 +7,6 @@
 
 using namespace fork_test;
 
-namespace {
-
-// A non-null stand-in for the extents overflow tree, for forks complete in
-// their fork data, which never consult it (lookups through a real tree are
-// tested with the extents overflow tree).
-morv_extents* const kSomeTree = reinterpret_cast<morv_extents*>(0x1000);
-
-}  // namespace
-
 TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
   const std::vector<Extent> eight = {{10, 1}, {12, 2}, {15, 1}, {17, 3},
                                      {21, 1}, {23, 1}, {25, 1}, {27, 2}};
