@@ -257,6 +257,21 @@ inline std::vector<uint8_t> read_fork(morv_btree* tree, uint64_t offset, size_t 
   return out;
 }
 
+// Whether the tree's node bitmap marks node `n` in use: the header node's map
+// record (its third), then the map records of the map nodes its fLink chains.
+inline bool node_in_use(morv_btree* tree, uint32_t n) {
+  const uint32_t size = tree->node_size;
+  for (uint32_t node = 0, record = 2;; record = 0) {
+    const auto bytes = read_fork(tree, uint64_t{node} * size, size);
+    const uint16_t start = load_be16(&bytes[size - 2 * (record + 1)]);
+    const uint32_t bits = 8u * (load_be16(&bytes[size - 2 * (record + 2)]) - start);
+    if (n < bits) return bytes[start + n / 8] & (0x80 >> (n % 8));
+    n -= bits;
+    node = load_be32(bytes.data());
+    if (node == 0) return false;
+  }
+}
+
 // The record that a locator's node and index name now, read from the fork.
 inline ExtKey key_at(morv_btree* tree, const morv_btree_record_locator* l) {
   const auto node = read_fork(tree, uint64_t{*l->node_number} * tree->node_size, tree->node_size);

@@ -86,11 +86,6 @@ TEST(Volume, OpensWithItsLabelAndRefusesDamagedVolumes) {
     EXPECT_EQ(v.volume->bitmap, nullptr);
     EXPECT_EQ(v.volume->attributes, nullptr);
   }
-  {
-    OpenVolume v("--size 4194304 --label Bitmap", 0);
-    ASSERT_EQ(v.err, MORV_OK);
-    EXPECT_NE(v.volume->bitmap, nullptr);
-  }
   const struct { const char* corruption; morv_err err; const char* message; const char* also; } refused[] = {
       {"bad-signature", MORV_ERR_GENERIC, "Invalid signature word for HFS+ volume",
        "Error while setting up HFS volume.\n"},
