@@ -6,7 +6,7 @@ volume checker (tests/support/checkimage.py) checks every changed volume.
 
 Environment: MORVLABEL and MORVLABEL_FAULTS (the tool and its
 fault-injection build), MORV_EMULATOR (e.g. qemu-arm, may be empty).
-Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety
+Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety|Refusals
 """
 
 import fcntl
