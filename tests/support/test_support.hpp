@@ -2,6 +2,7 @@
 // image builder, the volume checker, and captured log output.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -47,7 +48,7 @@ std::string logged(F&& f) {
 }
 // Expects `call` to give `expected` and to log `text` on stderr.
 #define EXPECT_LOGGED(call, expected, text) \
-  EXPECT_TRUE(morv_test::has(morv_test::logged([&] { EXPECT_EQ(call, expected); }), text)) << (text)
+  EXPECT_THAT(morv_test::logged([&] { EXPECT_EQ(call, expected); }), testing::HasSubstr(text))
 
 // Runs `f`, keeping what it logs in `log`; returns its result.
 template <typename F>

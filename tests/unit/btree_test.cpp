@@ -217,6 +217,7 @@ TEST(BtreeClaims, LowestFreeNodesFromHeaderMapAndMapNodeThenNoSplit) {
   morv_btree* tree = image.tree();
   const Header before = read_header(tree);
   ASSERT_GT(before.total_nodes, 2048u + 8u);
+  ASSERT_FALSE(node_in_use(tree, before.total_nodes - 1));
   std::vector<uint32_t> claimed(before.free_nodes);
   for (uint32_t& node : claimed) ASSERT_EQ(morv_btree_claim_node(tree, &node), MORV_OK);
   for (size_t i = 1; i < claimed.size(); ++i) ASSERT_EQ(claimed[i], claimed[i - 1] + 1);
