@@ -19,7 +19,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from cli_support import (EMULATOR, TOOL, USAGE, ImageCase, blkid_label, build, build_xorriso,  # noqa: E402
-                         check, contents, digest, hfs_decomposed, needs_mount_namespace, tool,
+                         check, contents, digest, hfs_decomposed, tool,
                          tool_in_mount_namespace, utf16_units)
 
 
@@ -50,7 +50,6 @@ class CommandLine(ImageCase):
         self.assertEqual(contents(zeros), bytes(1 << 20))
 
     def test_mounted_device_is_refused_by_its_path_as_typed(self):
-        needs_mount_namespace(self)
         # The mount table writes the blank and the backslash as \040 and \134.
         image = self.path("mounted vol\\ume.img")
         build(image, "Mounted", "--size", 4 << 20)
@@ -67,7 +66,6 @@ class CommandLine(ImageCase):
         self.assertEqual((other.returncode, other.stdout), (0, b"Mounted\n"), other.stderr)
 
     def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
-        needs_mount_namespace(self)
         image = self.path("vol ume\\x.img")
         build(image, "Listed", "--size", 4 << 20)
         escaped = image.replace("\\", "\\134").replace(" ", "\\040")

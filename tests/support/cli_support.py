@@ -49,7 +49,8 @@ def tool_in_mount_namespace(test, script, script_args, *args):
     """Runs the tool with `args` in a private mount namespace, once the shell
     `script` (given `script_args`, which it shifts away before exec'ing the
     tool in its place) has mounted what it needs; skips the test where
-    mounting is not permitted (the script exits 99)."""
+    mounting is not permitted (the script exits 99) or not possible."""
+    needs_mount_namespace(test)
     command = ["unshare", "-m", "sh", "-c", script, "sh"] + list(script_args) + EMULATOR + [TOOL]
     result = subprocess.run(command + list(args), capture_output=True)
     if result.returncode == 99:

@@ -103,8 +103,7 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   auto unchanged = [&](morv_fork* f, morv_err expected, const char* message) {
     const std::vector<uint8_t> header(v.volume->header, v.volume->header + vh::kSize);
     uint32_t added = 77;
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(f, v.volume, &added), expected); }), message))
-        << message;
+    EXPECT_LOGGED(morv_fork_expand(f, v.volume, &added), expected, message);
     EXPECT_EQ(added, 77u);
     EXPECT_EQ(memcmp(header.data(), v.volume->header, vh::kSize), 0);
     EXPECT_FALSE(v.marked(29) || v.marked(32));
@@ -122,11 +121,8 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   unchanged(v.volume->bitmap->priv->fork, MORV_ERR_INTERNAL, "serves as the volume's bitmap");
   // Eight extents in use (inside the extents file, so the run cannot
   // continue the last): no ninth.
-  for (uint32_t i = 0; i < 8; ++i) {
-    store_be32(startup(v.volume) + forkdata::kExtents + 8 * i, 2 + i);
-    store_be32(startup(v.volume) + forkdata::kExtents + 8 * i + 4, 1);
-  }
-  store_be32(startup(v.volume) + forkdata::kTotalBlocks, 8);
+  const auto eight_fd = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
+  std::copy(eight_fd.begin() + forkdata::kTotalBlocks, eight_fd.end(), startup(v.volume) + forkdata::kTotalBlocks);
   morv_fork* eight = nullptr;
   ASSERT_EQ(morv_fork_create(v.device, v.volume->extents, 0, v.volume->header, 7, startup(v.volume), 0, &eight),
             MORV_OK);
