@@ -6,12 +6,11 @@ volume checker (tests/support/checkimage.py) checks every changed volume.
 
 Environment: MORVLABEL and MORVLABEL_FAULTS (the tool and its
 fault-injection build), MORV_EMULATOR (e.g. qemu-arm, may be empty).
-Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety
+Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety|Refusals
 """
 
 import fcntl
 import os
-import shutil
 import subprocess
 import sys
 import time
@@ -19,10 +18,9 @@ import unicodedata
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from cli_support import (EMULATOR, SUPPORT, TOOL, FAULTY_TOOL, USAGE, ImageCase, blkid_label,  # noqa: E402
-                         blkid_reads_label, build, check, contents, digest, hfs_decomposed, tool,
-                         utf16_units)
-
+from cli_support import (EMULATOR, TOOL, USAGE, ImageCase, blkid_label, build, build_xorriso,  # noqa: E402
+                         check, contents, digest, hfs_decomposed, tool,
+                         tool_in_mount_namespace, utf16_units)
 
 
 class CommandLine(ImageCase):
@@ -47,15 +45,11 @@ class CommandLine(ImageCase):
         with open(zeros, "wb") as f:
             f.truncate(1 << 20)
         for args, mode in (([zeros], b"read"), ([zeros, "x"], b"read/write")):
-            result = tool(*args)
-            self.assertEqual(result.returncode, 1)
-            self.assertIn(b"Invalid signature word for HFS+ volume: 0x0\n", result.stderr)
-            self.assertTrue(result.stderr.endswith(b"Error while opening volume in " + mode + b" mode.\n"))
+            self.assert_fails(tool(*args), b"Error while opening volume in " + mode + b" mode.\n",
+                              b"Invalid signature word for HFS+ volume: 0x0\n")
         self.assertEqual(contents(zeros), bytes(1 << 20))
 
     def test_mounted_device_is_refused_by_its_path_as_typed(self):
-        if shutil.which("unshare") is None or os.geteuid() != 0:
-            self.skipTest("needs root and unshare to mount in a private namespace")
         # The mount table writes the blank and the backslash as \040 and \134.
         image = self.path("mounted vol\\ume.img")
         build(image, "Mounted", "--size", 4 << 20)
@@ -63,23 +57,15 @@ class CommandLine(ImageCase):
         os.symlink(image, link)
         mountpoint = self.path("mnt")
         os.mkdir(mountpoint)
-        script = ('mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"')
-        command = ["unshare", "-m", "sh", "-c", script, "sh", image, mountpoint] + EMULATOR + [TOOL]
-        refused = subprocess.run(command + [image, "New"], capture_output=True)
-        if refused.returncode == 99:
-            self.skipTest("mounting is not permitted here")
-        self.assertEqual(refused.returncode, 1)
-        self.assertEqual(refused.stderr, b"Refusing to open mounted file system.\n")
-        self.assertEqual(subprocess.run(command + [image], capture_output=True).stderr,
-                         b"Refusing to open mounted file system.\n")
+        script = 'mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"'
+        for args in ([image, "New"], [image]):
+            result = tool_in_mount_namespace(self, script, [image, mountpoint], *args)
+            self.assertEqual((result.returncode, result.stderr), (1, b"Refusing to open mounted file system.\n"))
         # Another path to the same file is not recognised.
-        other = subprocess.run(command + [link], capture_output=True)
-        self.assertEqual(other.returncode, 0, other.stderr)
-        self.assertEqual(other.stdout, b"Mounted\n")
+        other = tool_in_mount_namespace(self, script, [image, mountpoint], link)
+        self.assertEqual((other.returncode, other.stdout), (0, b"Mounted\n"), other.stderr)
 
     def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
-        if shutil.which("unshare") is None or os.geteuid() != 0:
-            self.skipTest("needs root and unshare to mount in a private namespace")
         image = self.path("vol ume\\x.img")
         build(image, "Listed", "--size", 4 << 20)
         escaped = image.replace("\\", "\\134").replace(" ", "\\040")
@@ -102,18 +88,14 @@ class CommandLine(ImageCase):
                 fake = self.path("mounts")
                 with open(fake, "w") as f:
                     f.write(table)
-                result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh", fake] + EMULATOR
-                                        + [TOOL, image], capture_output=True)
-                if result.returncode == 99:
-                    self.skipTest("mounting is not permitted here")
+                result = tool_in_mount_namespace(self, script, [fake], image)
                 self.assertEqual(result.returncode, 1 if refused else 0, result.stderr)
                 self.assertEqual(result.stdout, b"" if refused else b"Listed\n")
         # A table that opens but cannot be read (here the process's memory,
         # whose first page is unmapped) leaves the mount state unknown: the
         # run stops as if the table could not be opened.
         script = 'mount --bind /proc/$$/mem /proc/$$/mounts || exit 99; exec "$@"'
-        result = subprocess.run(["unshare", "-m", "sh", "-c", script, "sh"] + EMULATOR + [TOOL, image],
-                                capture_output=True)
+        result = tool_in_mount_namespace(self, script, [], image)
         self.assertEqual((result.returncode, result.stdout, result.stderr),
                          (1, b"", b"Error while opening /proc/mounts for reading: Input/output error (5)\n"))
 
@@ -145,13 +127,10 @@ class Printing(ImageCase):
                     self.assertEqual(digest(image), before, "printing wrote to the image")
 
     def test_xorriso_volumes(self):
-        if shutil.which("xorriso") is None:
-            self.skipTest("xorriso is not installed")
         for label in ("XORRISO VOL", "R\u00e9sum\u00e9 \u00c9t\u00e9"):
             with self.subTest(label=label):
                 image = self.path()
-                subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
-                                "--label", label, "--files", "30"], check=True, capture_output=True)
+                build_xorriso(image, label, 30)
                 # xorriso marks one unused block after the extents file.
                 check(self, image, "--allow-orphan-blocks")
                 stored = blkid_label(image)
@@ -162,29 +141,6 @@ class Printing(ImageCase):
 
 
 class Changing(ImageCase):
-    def change_and_verify(self, image, info, block_size, node_size, label):
-        before = contents(image)
-        result = tool(image, label)
-        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
-        stored = hfs_decomposed(label)
-        if blkid_reads_label(block_size, node_size):
-            self.assertEqual(blkid_label(image), stored.encode("utf-8"))
-        check(self, image)
-        self.assert_prints(image, stored, mode="raw")
-        self.assert_prints(image, unicodedata.normalize("NFC", label))
-        # Only bytes of the catalog file changed.
-        after = contents(image)
-        self.assertEqual(len(after), len(before))
-        catalog = [(start * block_size, (start + count) * block_size)
-                   for start, count in info["catalog_extents"]]
-        changed = [i for i in range(0, len(before), 4096) if before[i:i + 4096] != after[i:i + 4096]]
-        self.assertTrue(changed)
-        for chunk in changed:
-            for i in range(chunk, min(chunk + 4096, len(before))):
-                if before[i] != after[i]:
-                    self.assertTrue(any(lo <= i < hi for lo, hi in catalog),
-                                    "byte %d outside the catalog changed" % i)
-
     def test_volume_shapes(self):
         shapes = [
             # (block size, catalog node size, files, folders, fragments, hfsx, extra options)
@@ -243,25 +199,14 @@ class Changing(ImageCase):
         # A four-byte form above U+10FFFF, wherever it stands, and other invalid UTF-8.
         for label in (b"New\xf4\x90\x80\x80", b"\xf4\x90\x80\x80New", b"\xff", b"a\xc3", b"\xed\xa0\x80"):
             with self.subTest(label=label):
-                result = tool(image, label)
-                self.assertEqual(result.returncode, 1)
-                self.assertTrue(result.stderr.endswith(
-                    b"Error when converting volume label from UTF-8 to UTF-16.\n"), result.stderr)
-        self.assertEqual(digest(image), before)
-        self.assert_prints(image, "Keep")
-
-    def test_labels_too_long_after_decomposition_are_refused(self):
-        image = self.path()
-        build(image, "Keep", "--size", 4 << 20)
-        before = digest(image)
+                self.assert_fails(tool(image, label), b"Error when converting volume label from UTF-8 to UTF-16.\n")
+        # Too long once decomposed.
         for label in ("x" * 256, "\u00e9" * 200):
             with self.subTest(units=utf16_units(hfs_decomposed(label))):
-                result = tool(image, label)
-                self.assertEqual(result.returncode, 1)
-                self.assertIn(b"Label length (%d) too large.\n" % utf16_units(hfs_decomposed(label)),
-                              result.stderr)
-                self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
-                self.assertEqual(digest(image), before)
+                self.assert_fails(tool(image, label), b"Error while changing volume label.\n",
+                                  b"Label length (%d) too large.\n" % utf16_units(hfs_decomposed(label)))
+        self.assertEqual(digest(image), before)
+        self.assert_prints(image, "Keep")
 
 
 class Safety(ImageCase):
@@ -276,51 +221,18 @@ class Safety(ImageCase):
                        b"Error while changing volume label.\n",
                        b"Error while flushing changes to catalog file.\n")
 
-    def run_with_faults(self, ops, args, image):
-        """Fails the N-th operation of `ops` for N = 1, 2, ... until a run
-        succeeds. Every failed run must end in one of the tool's messages with
-        status 1 and no sanitizer report (leaks included); a run whose failure
-        comes before the flush's first device write must leave the image as it
-        was. Returns the number of failed runs, and the image and standard
-        error that the last one left."""
-        pristine = contents(image)
-        changing = len(args) > 1
-        endings = self.CHANGE_FAILURES if changing else self.PRINT_FAILURES
-        last = (pristine, b"")
-        for n in range(1, 5000):
-            with open(image, "wb") as f:
-                f.write(pristine)
-            env = dict(os.environ, MORV_FAULT_OPS=ops, MORV_FAULT_AT=str(n))
-            result = tool(*args, binary=FAULTY_TOOL, env=env)
-            if result.stderr.endswith(b"fault-injection: not delivered\n"):
-                self.assertEqual(result.returncode, 0, result.stderr)
-                return n - 1, last
-            last = (contents(image), result.stderr)
-            with self.subTest(ops=ops, n=n):
-                self.assertEqual(result.returncode, 1, result.stderr)
-                self.assertNotIn(b"Sanitizer", result.stderr)
-                lines = result.stderr.splitlines(keepends=True)
-                self.assertEqual(lines[-1], b"fault-injection: delivered\n")
-                self.assertTrue(lines[-2] in endings or lines[-2].startswith(
-                    b"Error when allocating ") and changing, result.stderr)
-                if ops == "write":
-                    self.assertIn(b"Error while flushing changes to catalog file.\n", result.stderr)
-                if ops != "write" or n == 1:
-                    self.assertEqual(last[0], pristine,
-                                     "a run that failed before its flush changed the image")
-        self.fail("the operation never succeeded")
-
     def test_injected_failures_leave_the_image_as_it_was(self):
         image = self.path()
         build(image, "Pristine", "--size", 8 << 20, "--block-size", 512, "--catalog-node-size", 512,
               "--files", 200, "--catalog-fragments", 10)
         pristine = contents(image)
         for ops in ("alloc", "read"):
-            runs, _ = self.run_with_faults(ops, [image], image)
+            runs, _ = self.run_with_faults(ops, [image], image, self.PRINT_FAILURES)
             self.assertGreater(runs, 3)
             self.assertEqual(contents(image), pristine)
         for ops in ("alloc", "read", "write"):
-            runs, (last_image, last_stderr) = self.run_with_faults(ops, [image, "Changed \u00e9"], image)
+            runs, (last_image, last_stderr) = self.run_with_faults(ops, [image, "Changed \u00e9"], image,
+                                                                   self.CHANGE_FAILURES)
             self.assertGreater(runs, 1 if ops == "write" else 0)
             check(self, image)
             self.assertEqual(tool("--output-mode=raw", image).stdout, "Changed e\u0301\n".encode("utf-8"))
@@ -355,42 +267,28 @@ class Safety(ImageCase):
                 if prints:
                     self.assertEqual((printed.returncode, printed.stdout), (0, b"Damaged\n"))
                 else:
-                    self.assertEqual(printed.returncode, 1)
-                    self.assertIn(message, printed.stderr)
-                    self.assertTrue(printed.stderr.endswith(b"Error while opening volume in read mode.\n"))
-                changed = tool(image, "New")
-                self.assertEqual(changed.returncode, 1)
-                self.assertIn(message, changed.stderr)
-                self.assertTrue(changed.stderr.endswith(b"Error while changing volume label.\n" if prints else
-                                                        b"Error while opening volume in read/write mode.\n"))
+                    self.assert_fails(printed, b"Error while opening volume in read mode.\n", message)
+                self.assert_fails(tool(image, "New"), b"Error while changing volume label.\n" if prints else
+                                  b"Error while opening volume in read/write mode.\n", message)
                 self.assertEqual(digest(image), before)
-
-    def test_no_free_catalog_node_for_a_split(self):
-        image = self.path()
-        build(image, "Full", "--size", 16 << 20, "--catalog-node-size", 4096, "--files", 2000,
-              "--free-catalog-nodes", 0, "--name-length", 40)
-        before = digest(image)
-        result = tool(image, "N" * 255)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn(b"Need to expand B-tree, but this is not yet implemented.\n", result.stderr)
-        self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
-        self.assertEqual(digest(image), before)
-        self.assertEqual(tool(image).stdout, b"Full\n")
 
     def test_a_label_the_catalog_cannot_hold(self):
         # A 255-unit name makes 518-byte keys. In 512-byte nodes no record can
         # hold one; in full 1024-byte nodes the index records that carry it
-        # reach the root, which never splits. With 60-unit names the root
-        # still has room for it and the change goes through.
-        cases = ((512, 20, b"Record cannot fit in a node given the B-tree's node size of 512 bytes"),
-                 (1024, 60, b"Unable to split root node.\n"),
-                 (1024, 40, None))
-        for node_size, name_length, refusal in cases:
-            with self.subTest(node_size=node_size, name_length=name_length):
+        # reach the root, which never splits. With 40-unit names the root
+        # still has room for it and the change goes through. Full 4096-byte
+        # nodes with none free cannot split for it.
+        small = ["--block-size", 512, "--files", 400, "--folders", 10]
+        cases = ((512, small + ["--name-length", 20],
+                  b"Record cannot fit in a node given the B-tree's node size of 512 bytes"),
+                 (1024, small + ["--name-length", 60], b"Unable to split root node.\n"),
+                 (1024, small + ["--name-length", 40], None),
+                 (4096, ["--files", 2000, "--free-catalog-nodes", 0, "--name-length", 40],
+                  b"Need to expand B-tree, but this is not yet implemented.\n"))
+        for node_size, options, refusal in cases:
+            with self.subTest(node_size=node_size, options=options):
                 image = self.path()
-                build(image, "Small nodes", "--size", 16 << 20, "--block-size", 512,
-                      "--catalog-node-size", node_size, "--files", 400, "--folders", 10,
-                      "--name-length", name_length)
+                build(image, "Small nodes", "--size", 16 << 20, "--catalog-node-size", node_size, *options)
                 before = digest(image)
                 result = tool(image, "B" * 255)
                 if refusal is None:
@@ -398,9 +296,7 @@ class Safety(ImageCase):
                     check(self, image)
                     self.assertEqual(tool(image).stdout, b"B" * 255 + b"\n")
                     continue
-                self.assertEqual(result.returncode, 1)
-                self.assertIn(refusal, result.stderr)
-                self.assertTrue(result.stderr.endswith(b"Error while changing volume label.\n"))
+                self.assert_fails(result, b"Error while changing volume label.\n", refusal)
                 self.assertEqual(digest(image), before)
                 self.assertEqual(tool(image).stdout, b"Small nodes\n")
 
@@ -488,11 +384,8 @@ class Refusals(ImageCase):
                     self.assertEqual(after[lo:hi], before[lo:hi], "journal or volume header changed")
 
     def test_xorriso_hybrids_are_software_locked(self):
-        if shutil.which("xorriso") is None:
-            self.skipTest("xorriso is not installed")
         image = self.path()
-        subprocess.run([sys.executable, os.path.join(SUPPORT, "xorrisoimage.py"), image,
-                        "--label", "XORRISO VOL", "--files", "3"], check=True, capture_output=True)
+        build_xorriso(image, "XORRISO VOL", 3)
         self.assert_refused(image, "locked", "XORRISO VOL")
 
 

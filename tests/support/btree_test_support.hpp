@@ -79,6 +79,11 @@ class Image {
     fd_ = -1;
   }
   morv_err open_extents() { return morv_extents_create(device_, header_.data(), &extents_); }
+  // The catalog file as a tree of keys in `compare`'s order, its overflow
+  // extents resolved through the extents tree when that is open.
+  morv_err open_catalog(morv_btree** tree, morv_btree_compare_keys_fn compare) {
+    return morv_btree_create(device_, extents_, 0, header_.data(), kBtreeKindCatalog, compare, tree);
+  }
   morv_btree* tree() const { return extents_->tree; }
   morv_extents* extents() const { return extents_; }
   morv_device* device() const { return device_; }
@@ -118,6 +123,30 @@ inline void patch_file(Image& image, size_t fork_field, uint64_t offset,
             static_cast<ssize_t>(bytes.size()));
   ::close(fd);
 }
+// An extents tree of 512-byte nodes with 2600 free nodes after the used ones:
+// the header's map record covers nodes 0..2047, a map node the rest.
+inline const char* const kMapNodeExtents =
+    "--size 16777216 --label N --files 10 --extents-node-size 512 --free-extents-nodes 2600 "
+    "--fragmented-files 10 --file-fragments 60";
+
+// Damages the node bitmap of the tree in `fork_field` (nodes of 512 bytes, one
+// map node): the header's map record all set, and the map node linked to
+// itself with two bytes of bits all set, or with an empty map record. A
+// claim then asks the rest of the bitmap of the map node's fLink, itself.
+inline void loop_map_node(Image& image, size_t fork_field, bool empty_record) {
+  const auto header_node = read_file(image, fork_field, 0, 512);
+  const uint32_t map = load_be32(&header_node[0]);
+  ASSERT_NE(map, 0u);
+  patch_file(image, fork_field, load_be16(&header_node[512 - 6]), std::vector<uint8_t>(256, 0xFF));
+  const uint64_t at = uint64_t{map} * 512;
+  auto node = read_file(image, fork_field, at, 512);
+  store_be32(&node[0], map);
+  const uint16_t first = load_be16(&node[510]);
+  std::fill(node.begin() + first, node.begin() + first + 2, 0xFF);
+  store_be16(&node[508], static_cast<uint16_t>(empty_record ? first : first + 2));
+  patch_file(image, fork_field, at, node);
+}
+
 inline std::vector<uint8_t> be32(uint32_t v) {
   std::vector<uint8_t> out(4);
   store_be32(out.data(), v);
@@ -228,10 +257,95 @@ inline std::vector<uint8_t> read_fork(morv_btree* tree, uint64_t offset, size_t 
   return out;
 }
 
+// Whether the tree's node bitmap marks node `n` in use: the header node's map
+// record (its third), then the map records of the map nodes its fLink chains.
+inline bool node_in_use(morv_btree* tree, uint32_t n) {
+  const uint32_t size = tree->node_size;
+  for (uint32_t node = 0, record = 2;; record = 0) {
+    const auto bytes = read_fork(tree, uint64_t{node} * size, size);
+    const uint16_t start = load_be16(&bytes[size - 2 * (record + 1)]);
+    const uint32_t bits = 8u * (load_be16(&bytes[size - 2 * (record + 2)]) - start);
+    if (n < bits) return bytes[start + n / 8] & (0x80 >> (n % 8));
+    n -= bits;
+    node = load_be32(bytes.data());
+    if (node == 0) return false;
+  }
+}
+
 // The record that a locator's node and index name now, read from the fork.
 inline ExtKey key_at(morv_btree* tree, const morv_btree_record_locator* l) {
   const auto node = read_fork(tree, uint64_t{*l->node_number} * tree->node_size, tree->node_size);
   return ext_tuple(&node[load_be16(&node[node.size() - 2 * (*l->record_index + 1u)])]);
+}
+
+// The node that holds extents record `k`, and the keys of every record there.
+inline uint32_t node_of(morv_btree* tree, const ExtKey& k) {
+  morv_btree_record_locator* l = find(tree, k);
+  const uint32_t node = l ? *l->node_number : 0;
+  morv_btree_record_locator_close(&l);
+  return node;
+}
+inline std::vector<ExtKey> leaf_keys(morv_btree* tree, const ExtKey& k) {
+  const uint32_t leaf = node_of(tree, k);
+  std::vector<ExtKey> keys;
+  for (const auto& [key, record] : tree_contents(tree))
+    if (node_of(tree, key) == leaf) keys.push_back(key);
+  return keys;
+}
+
+// Deletes `keys` in one transaction.
+inline morv_err delete_all(morv_btree* tree, const std::vector<ExtKey>& keys) {
+  morv_err err = morv_btree_transaction_begin(tree);
+  if (err) return err;
+  for (const ExtKey& k : keys)
+    if ((err = delete_key(tree, ext_key(k).data()))) break;
+  return morv_btree_transaction_end(tree, err);
+}
+
+// Extents trees of 512-byte nodes, four levels deep, with free nodes.
+inline const char* const kDeepExtents =
+    "--size 134217728 --label D --files 60 --extents-node-size 512 --free-extents-nodes 900 "
+    "--fragmented-files 40 --file-fragments 60";
+inline const char* const kFailureExtents =
+    "--size 16777216 --block-size 512 --label D --files 60 --extents-node-size 512 "
+    "--free-extents-nodes 900 --fragmented-files 40 --file-fragments 60";
+
+// Runs `op` on a fresh copy of kFailureExtents with the n-th operation of
+// `kind` failing, for n = 1, 2, ... until it succeeds. Each failure must give
+// `expected`, leave the tree's cached bytes as they were (so that a flush
+// writes nothing new), leave no locator open and leak nothing (the sanitizer
+// build); the run that succeeds must leave a consistent tree.
+template <typename Op>
+void fail_each_fresh(unsigned kind, morv_err expected, Op op) {
+  for (uint64_t n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    Image image(kFailureExtents);
+    ASSERT_EQ(image.open_extents(), MORV_OK);
+    const auto pristine = image.bytes();
+    const uint64_t start = file_start(image, vh::kExtentsFile);
+    const std::vector<uint8_t> cached(pristine.begin() + start,
+                                      pristine.begin() + start + *image.tree()->fork->logical_size);
+    testing::internal::CaptureStderr();
+    morv_seam_fail_at(kind, n);
+    const morv_err err = op(image);
+    const bool delivered = morv_seam_failure_delivered();
+    morv_seam_fail_at(kind, 0);
+    if (delivered) {
+      ASSERT_TRUE(read_fork(image.tree(), 0, cached.size()) == cached);
+    }
+    ASSERT_EQ(morv_fork_flush(image.tree()->fork), MORV_OK);
+    image.close_all();
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(testing::HasSubstr("leaked")));
+    if (!delivered) {
+      ASSERT_EQ(err, MORV_OK);
+      ASSERT_GT(n, 1u);
+      EXPECT_EQ(check_structure(image.path()), "");
+      return;
+    }
+    ASSERT_EQ(err, expected);
+    ASSERT_TRUE(image.bytes() == pristine);
+    ASSERT_LT(n, 2000u);
+  }
 }
 
 // Catalog-tree keys ordered by parentID, then their remaining bytes compared
@@ -245,13 +359,8 @@ inline int test_compare(const uint8_t* a, const uint8_t* b, uint32_t) {
   return c ? c : (la < lb ? -1 : la > lb);
 }
 
-// What `f` logs on stderr.
-template <typename F>
-std::string stderr_of(F&& f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
+using morv_test::has;
+using morv_test::logged;
 
 // A scale factor for the long-running tests (MORV_TEST_SCALE, percent).
 inline int scaled(int steps) {

@@ -18,6 +18,11 @@
 
 namespace fork_test {
 
+// A non-null stand-in for the extents overflow tree, for forks complete in
+// their fork data, which never consult it (lookups through a real tree are
+// tested with the extents overflow tree).
+inline morv_extents* const kSomeTree = reinterpret_cast<morv_extents*>(0x1000);
+
 struct Extent {
   uint32_t start;
   uint32_t count;
@@ -40,29 +45,9 @@ inline std::vector<uint8_t> bytes_of(size_t n, uint8_t seed) {
   return v;
 }
 
-// What `f` logs.
-template <typename F>
-std::string logged(F f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
-inline bool has(const std::string& log, const char* text) { return log.find(text) != std::string::npos; }
-
-// Runs `op` with the n-th following `kind` call failing, n = 1, 2, ..., until
-// no failure is delivered, passing each result to `check(err, failed)`.
-// Returns the number of failed runs.
-template <typename Op, typename Check>
-uint64_t fail_each(morv_seam_op kind, Op op, Check check) {
-  for (uint64_t n = 1;; ++n) {
-    morv_seam_fail_at(kind, n);
-    const morv_err err = op();
-    const bool failed = morv_seam_failure_delivered();
-    morv_seam_fail_at(MORV_SEAM_ALL, 0);
-    check(err, failed);
-    if (!failed) return n - 1;
-  }
-}
+using morv_test::fail_each;
+using morv_test::has;
+using morv_test::logged;
 
 // An image file of `blocks` allocation blocks filled with a position-dependent
 // pattern, a volume header naming the block size, and fork data whose extents
@@ -143,6 +128,13 @@ inline std::unique_ptr<ForkImage> split_image() {
   auto img = std::make_unique<ForkImage>(512, 2100, std::vector<Extent>{{40, 16}, {2, 10}, {60, 2030}});
   EXPECT_EQ(img->create(), MORV_OK);
   return img;
+}
+// Leaves modified runs that extents and the item border split:
+// 14-15 | 16-17 | 30 | 2047 | 2048.
+inline void make_dirty(ForkImage& img) {
+  img.write(14 * 512, bytes_of(2048, 1));
+  img.write(30 * 512 + 100, {0x5A});
+  img.write(1048576 - 256, bytes_of(512, 2));
 }
 
 }  // namespace fork_test

@@ -1,41 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "alloc_test_support.hpp"
-#include "fork_test_support.hpp"
 
-using alloc_test::field;
-using alloc_test::Volume;
-using fork_test::has;
-using fork_test::logged;
-
-namespace {
+using namespace alloc_test;
+using morv_test::has;
+using morv_test::logged;
 
 // 256 blocks of 4 KiB: 0 reserved, 1 allocation file, 2-10 extents overflow
 // file, 11-28 catalog, 29-254 free, 255 the alternate header's.
 const char* const kSmall = "--size 1048576 --label Bits";
-
-uint8_t bitmap_byte(Volume& v, uint64_t index) {
-  uint8_t b = 0;
-  EXPECT_EQ(morv_fork_read(v.volume->bitmap->priv->fork, index, &b, 1, nullptr), MORV_OK);
-  return b;
-}
-
-// Fork data with the given extents and as many blocks.
-std::vector<uint8_t> fork_data(std::initializer_list<std::pair<uint32_t, uint32_t>> extents) {
-  std::vector<uint8_t> fd(forkdata::kSize);
-  uint32_t total = 0, i = 0;
-  for (auto [start, count] : extents) {
-    store_be32(&fd[forkdata::kExtents + 8 * i], start);
-    store_be32(&fd[forkdata::kExtents + 8 * i++ + 4], count);
-    total += count;
-  }
-  store_be32(&fd[forkdata::kTotalBlocks], total);
-  return fd;
-}
-
-}  // namespace
 
 TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   Volume v(kSmall);
@@ -43,13 +16,13 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   const uint32_t free_blocks = field(v.volume, vh::kFreeBlocks);
   // Block 32 is byte 4's most significant bit, block 39 its least.
   ASSERT_EQ(AllocateExtentAllocationBlocks(32, 1, v.volume), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
+  EXPECT_EQ(v.bitmap_byte(4), 0x80);
   ASSERT_EQ(AllocateExtentAllocationBlocks(39, 1, v.volume), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  EXPECT_EQ(v.bitmap_byte(4), 0x81);
   // A run whose third block is taken sets two bits, clears them again, returns 1.
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC); }),
-                  "Block 39 is already allocated.\n"));
-  EXPECT_EQ(bitmap_byte(v, 4), 0x81);
+  EXPECT_LOGGED(AllocateExtentAllocationBlocks(37, 4, v.volume), MORV_ERR_GENERIC,
+                "Block 39 is already allocated.\n");
+  EXPECT_EQ(v.bitmap_byte(4), 0x81);
   EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks - 2);
   // A run starting at nextAllocation moves it behind the run.
   ASSERT_EQ(field(v.volume, vh::kNextAllocation), 29u);
@@ -60,8 +33,8 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   // Freeing writes the block's byte at its own place: byte 0 (blocks 0-7,
   // all in use) is the start of the 4 KiB chunk and stays as it is.
   ASSERT_EQ(FreeAllocationBlock(39, bitmap), MORV_OK);
-  EXPECT_EQ(bitmap_byte(v, 4), 0x80);
-  EXPECT_EQ(bitmap_byte(v, 0), 0xFF);
+  EXPECT_EQ(v.bitmap_byte(4), 0x80);
+  EXPECT_EQ(v.bitmap_byte(0), 0xFF);
   for (uint32_t b : {32u, 29u, 30u}) ASSERT_EQ(FreeAllocationBlock(b, bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 4);
   v.flush();
@@ -84,7 +57,6 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
     return err;
   });
   morv_volume_increment_free_blocks(v.volume, 20);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 }
 
@@ -103,9 +75,8 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   // Block 42 is free now: freeing the whole fork stops there and marks 40
   // and 41 again.
   freed = 99;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_ERR_GENERIC);
-  }), "Error while freeing allocation block 42.\n"));
+  EXPECT_LOGGED(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_ERR_GENERIC,
+                "Error while freeing allocation block 42.\n");
   EXPECT_EQ(freed, 99u);
   EXPECT_TRUE(v.marked(40) && v.marked(41) && v.marked(51));
   // A range past the extents frees what they hold.
@@ -113,7 +84,6 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 4, 100, v.volume->bitmap, &freed), MORV_OK);
   EXPECT_EQ(freed, 1u);
   morv_volume_increment_free_blocks(v.volume, 5);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 }
 
@@ -141,7 +111,6 @@ TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
   EXPECT_EQ(loc.start_block, 32u);
   ASSERT_EQ(AllocateExtentAllocationBlocks(255, 1, v.volume), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // A full volume: from its last block around to block 0 and back, nothing.
@@ -223,9 +192,8 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
 
   auto full = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
   const auto before = full;
-  EXPECT_TRUE(has(logged([&] {
-    EXPECT_EQ(UpdateForks(v.volume, full.data(), 8 * 4096, 1, &loc), MORV_ERR_EXTENT_LIMIT);
-  }), "HFSPlus: [UpdateForks] Not handling overflow extents yet.\n"));
+  EXPECT_LOGGED(UpdateForks(v.volume, full.data(), 8 * 4096, 1, &loc), MORV_ERR_EXTENT_LIMIT,
+                "HFSPlus: [UpdateForks] Not handling overflow extents yet.\n");
   EXPECT_EQ(full, before);
   // Under failures the fork data changes only with a successful call.
   alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
@@ -239,7 +207,6 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
   ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_OK);
   ASSERT_EQ(FreeAllocationBlock(32, v.volume->bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, freed + 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // No free run: an error, and the fork data keeps no run at block 0.

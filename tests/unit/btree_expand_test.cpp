@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "alloc_test_support.hpp"
 
-using alloc_test::field;
-using alloc_test::Volume;
-
-namespace {
+using namespace alloc_test;
 
 // A catalog of 2048 nodes of 512 bytes, none free: its header map record
 // (256 bytes) is full, so the first growth must chain a map node. A clump is
@@ -16,66 +11,11 @@ const char* const kFullCatalog =
     "--size 2097152 --label Grow --block-size 512 --catalog-node-size 512 --catalog-nodes 2048 "
     "--catalog-clump-size 4096";
 
-constexpr size_t kTotalNodes = 14 + 22;  // header record fields, from the node's start
-constexpr size_t kFreeNodes = 14 + 26;
-
-uint32_t header_field(Volume& v, size_t offset) {
-  uint8_t bytes[4];
-  EXPECT_EQ(morv_fork_read(v.catalog_tree()->fork, offset, bytes, 4, nullptr), MORV_OK);
-  return load_be32(bytes);
-}
-
-// Folder `n` directly in the root, as its folder record or its thread.
-morv_err insert_half(morv_catalog* catalog, uint32_t cnid, bool thread) {
-  const std::u16string name = u"grown " + std::u16string(1, u'a' + cnid % 26) +
-                              std::u16string(1, u'a' + cnid / 26 % 26);
-  std::vector<uint8_t> key, data;
-  if (thread) {
-    key = morv_test::make_key(cnid, u"");
-    data.resize(catalog::kThreadFixedSize + 2 * name.size());
-    store_be16(&data[0], catalog::kFolderThreadRecord);
-    store_be32(&data[catalog::kThreadParentId], kRootFolderCnid);
-    store_be16(&data[catalog::kThreadName], static_cast<uint16_t>(name.size()));
-    for (size_t i = 0; i < name.size(); ++i) store_be16(&data[10 + 2 * i], name[i]);
-  } else {
-    key = morv_test::make_key(kRootFolderCnid, name);
-    data.resize(catalog::kFolderRecordSize);
-    store_be16(&data[0], catalog::kFolderRecord);
-    store_be32(&data[catalog::kRecordCnid], cnid);
-  }
-  morv_catalog_record_locator* inserted = nullptr;
-  morv_err err = morv_catalog_insert_record(catalog, key.data(), data.data(),
-                                            static_cast<uint16_t>(data.size()), nullptr, &inserted);
-  if (!err) morv_catalog_record_locator_close(&inserted);
-  return err;
-}
-
-// Root valence, folderCount and nextCatalogID for `added` more folders.
-void account(Volume& v, uint32_t valence, uint32_t folders, uint32_t next_id, uint32_t added) {
-  morv_catalog_search_result root;
-  morv_catalog_search_result_init(&root);
-  ASSERT_EQ(morv_catalog_search_by_cnid(v.volume->catalog, kRootFolderCnid, 1, &root), MORV_OK);
-  std::vector<uint8_t> record(root.locator->btree_locator->data,
-                              root.locator->btree_locator->data + catalog::kFolderRecordSize);
-  store_be32(&record[catalog::kFolderValence], valence + added);
-  EXPECT_EQ(morv_btree_record_locator_write_data(root.locator->btree_locator, record.data(), record.size()),
-            MORV_OK);
-  morv_catalog_search_result_release(&root);
-  store_be32(v.volume->header + vh::kFolderCount, folders + added);
-  store_be32(v.volume->header + vh::kNextCatalogId, next_id + added);
-}
-
-}  // namespace
-
 TEST(BtreeExpand, FullCatalogGrowsClumpByClumpChainingAMapNodeAndFailuresUndoEverything) {
   Volume v(kFullCatalog);
   ASSERT_EQ(header_field(v, kTotalNodes), 2048u);
   ASSERT_EQ(header_field(v, kFreeNodes), 0u);
-  morv_catalog_search_result root;
-  morv_catalog_search_result_init(&root);
-  ASSERT_EQ(morv_catalog_search_by_cnid(v.volume->catalog, kRootFolderCnid, 1, &root), MORV_OK);
-  const uint32_t valence = load_be32(root.locator->btree_locator->data + catalog::kFolderValence);
-  morv_catalog_search_result_release(&root);
+  const uint32_t valence = morv_test::valence_of(v.volume->catalog, kRootFolderCnid);
   const uint32_t folders = field(v.volume, vh::kFolderCount);
   const uint32_t first_id = field(v.volume, vh::kNextCatalogId);
 
@@ -111,7 +51,6 @@ TEST(BtreeExpand, FullCatalogGrowsClumpByClumpChainingAMapNodeAndFailuresUndoEve
     ASSERT_EQ(insert_half(v.volume->catalog, first_id + added++, true), MORV_OK);
   }
   account(v, valence, folders, first_id, added);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   EXPECT_GT(added, 20u);
   // Node 2048, the first new node, is the map node behind the header node.

@@ -9,73 +9,9 @@
 using namespace btree_test;
 using testing::HasSubstr;
 
-namespace {
-
-// `shape`: the builder options beyond the node size.
-struct ModelRun { uint16_t node_size; std::string shape; int steps; };
-
-// Random insertions and deletions against an ordered model, down to an
-// empty tree and up again. A refused insertion leaves the fork as it was.
-void run_model(const ModelRun& run, uint32_t seed) {
-  Image image("--size 134217728 --label M --files 60 --extents-node-size " +
-              std::to_string(run.node_size) + " " + run.shape);
-  ASSERT_EQ(image.open_extents(), MORV_OK);
-  morv_btree* tree = image.tree();
-  std::map<ExtKey, Record> model = tree_contents(tree);
-  ASSERT_EQ(read_header(tree).leaf_records, model.size());
-  std::mt19937 rng(seed);
-  uint32_t inserted = 0;
-  int full_since = -1;  // the step of the last refused insertion
-  for (int step = 0; step < scaled(run.steps); ++step) {
-    SCOPED_TRACE(step);
-    const bool full = full_since >= 0 && step - full_since <= 100;  // room again after deletions?
-    ExtKey k;
-    // Every third stretch of 400 steps mostly deletes, down to an empty tree.
-    const bool draining = step / 400 % 3 == 2;
-    if (model.empty() ||
-        (!full && (draining ? rng() % 100 < 20 : model.size() < 8 || rng() % 100 < 65))) {
-      do k = {16 + rng() % 400, rng() % 2 ? 0x00 : 0xFF, rng() % 100000}; while (model.count(k));
-      const Record r = ext_record(k, step);
-      const auto before = read_fork(tree, 0, *tree->fork->logical_size);
-      const morv_err err = insert(image.extents(), k, r);
-      if (err == MORV_ERR_INTERNAL || err == MORV_ERR_UNSUPPORTED) {
-        // The root is full or no node is free: refused, nothing changed.
-        full_since = step;
-        ASSERT_TRUE(read_fork(tree, 0, before.size()) == before);
-      } else {
-        ASSERT_EQ(err, MORV_OK);
-        model[k] = r;
-        ++inserted;
-      }
-    } else {
-      auto it = std::next(model.begin(), rng() % model.size());
-      k = it->first;
-      morv_btree_record_locator* l = find(tree, k);
-      ASSERT_TRUE(l);
-      EXPECT_EQ(morv_btree_delete_record(tree, l), MORV_OK);
-      model.erase(it);
-      morv_btree_record_locator_close(&l);
-    }
-    Record got{};
-    ASSERT_EQ(lookup(image.extents(), k, &got), model.count(k) ? 1 : 0);
-    EXPECT_TRUE(!model.count(k) || got == model[k]);
-    ASSERT_TRUE(step % 500 != 499 || tree_contents(tree) == model);
-  }
-  ASSERT_EQ(tree_contents(tree), model);
-  const Header end = read_header(tree);
-  EXPECT_EQ(end.leaf_records, model.size());
-  EXPECT_GT(inserted, 0u);
-  ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
-  EXPECT_EQ(check_structure(image.path()), "");
-  printf("  node size %u, %s: %u inserted, %zu records, depth %u, %u free nodes%s\n",
-         run.node_size, run.shape.c_str(), inserted, model.size(), end.depth, end.free_nodes,
-         full_since >= 0 ? ", tree filled" : "");
-}
-
-}  // namespace
-
 TEST(BtreeModel, RandomInsertionsAndDeletionsMatchAnOrderedModel) {
-  const ModelRun runs[] = {
+  // The builder options beyond the node size.
+  const struct { uint16_t node_size; const char* shape; int steps; } runs[] = {
       {512, "--free-extents-nodes 0", 300},  // empty: one root leaf, which fills
       {512, "--free-extents-nodes 600 --fragmented-files 30 --file-fragments 24", 3000},
       {512, "--free-extents-nodes 900 --fragmented-files 40 --file-fragments 60", 4000},
@@ -87,8 +23,24 @@ TEST(BtreeModel, RandomInsertionsAndDeletionsMatchAnOrderedModel) {
   uint32_t seed = 1;
   for (const auto& run : runs) {
     SCOPED_TRACE(std::to_string(run.node_size) + " " + run.shape);
-    run_model(run, seed++);
-    if (HasFatalFailure()) return;
+    ExtentsModel model("--size 134217728 --label M --files 60 --extents-node-size " +
+                           std::to_string(run.node_size) + " " + run.shape,
+                       seed++);
+    for (int step = 0; step < scaled(run.steps); ++step) {
+      SCOPED_TRACE(step);
+      model.step(step);
+      ASSERT_FALSE(HasFailure());
+      ASSERT_TRUE(step % 500 != 499 || tree_contents(model.tree()) == model.records);
+    }
+    ASSERT_EQ(tree_contents(model.tree()), model.records);
+    const Header end = read_header(model.tree());
+    EXPECT_EQ(end.leaf_records, model.records.size());
+    EXPECT_GT(model.inserted, 0u);
+    ASSERT_EQ(morv_fork_flush(model.tree()->fork), MORV_OK);
+    EXPECT_EQ(check_structure(model.image().path()), "");
+    printf("  node size %u: %u inserted, %zu records, depth %u, %u free nodes%s\n", run.node_size,
+           model.inserted, model.records.size(), end.depth, end.free_nodes,
+           model.full_since >= 0 ? ", tree filled" : "");
   }
 }
 
@@ -112,10 +64,8 @@ TEST(BtreeModel, CatalogChangesMatchAnOrderedModelOrLeaveNoTrace) {
     for (int i = 0; i < scaled(run.steps); ++i) {
       SCOPED_TRACE(i);
       refused += model.step() != MORV_OK;
-      if (HasFailure()) return;
-      if (i % 100 == 99) {
-        ASSERT_EQ(model.check(), "");
-      }
+      ASSERT_FALSE(HasFailure());
+      if (i % 100 == 99) { ASSERT_EQ(model.check(), ""); }
     }
     ASSERT_EQ(model.check(), "");
     const Header h = read_header(model.tree());
@@ -124,27 +74,16 @@ TEST(BtreeModel, CatalogChangesMatchAnOrderedModelOrLeaveNoTrace) {
   }
 }
 
-namespace {
-const char* kDeepExtents =
-    "--size 134217728 --label D --files 60 --extents-node-size 512 --free-extents-nodes 900 "
-    "--fragmented-files 40 --file-fragments 60";
-}  // namespace
-
 TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
   Image image(kDeepExtents);
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* tree = image.tree();
   auto model = tree_contents(tree);
   // Hold a locator on every record of the tree's third leaf.
-  morv_btree_record_locator* probe = find(tree, std::next(model.begin(), 13)->first);
-  const uint32_t leaf = *probe->node_number;
-  morv_btree_record_locator_close(&probe);
+  const ExtKey third = std::next(model.begin(), 13)->first;
+  const uint32_t leaf = node_of(tree, third);
   std::vector<std::pair<ExtKey, morv_btree_record_locator*>> held;
-  for (const auto& [k, r] : model) {
-    morv_btree_record_locator* l = find(tree, k);
-    if (*l->node_number == leaf) held.emplace_back(k, l);
-    else morv_btree_record_locator_close(&l);
-  }
+  for (const ExtKey& k : leaf_keys(tree, third)) held.emplace_back(k, find(tree, k));
   ASSERT_GE(held.size(), 4u);
   // Shared: a second open of the same record is the same locator, counted.
   morv_btree_record_locator* again = find(tree, held[0].first);
@@ -169,7 +108,7 @@ TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
   ASSERT_EQ(morv_btree_delete_record(tree, held[0].second), MORV_OK);
   model.erase(held[0].first);
   for (size_t i = 1; i < held.size(); ++i) EXPECT_EQ(key_at(tree, held[i].second), held[i].first);
-  EXPECT_THAT(stderr_of([&] {
+  EXPECT_THAT(logged([&] {
                 EXPECT_EQ(morv_btree_record_locator_write_data(held[0].second, fresh.data(), 64),
                           MORV_ERR_INTERNAL);
               }),
@@ -181,7 +120,7 @@ TEST(BtreeLocators, FollowMovesShareAndRefuseWritesAfterDeletion) {
   morv_btree_record_locator_close(&held[0].second);
   for (size_t i = 4; i < held.size(); ++i) morv_btree_record_locator_close(&held[i].second);
   ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
-  EXPECT_THAT(stderr_of([&] { image.close_all(); }),
+  EXPECT_THAT(logged([&] { image.close_all(); }),
               HasSubstr("Cleaned up 3 leaked B-tree record locators on destroy.\n"));
   EXPECT_EQ(check_structure(image.path()), "");
 }
@@ -227,9 +166,8 @@ TEST(BtreeDamage, DamagedCatalogTreesEndWithCorrupt) {
     ASSERT_EQ(image.open_extents(), MORV_OK);
     morv_btree* catalog = nullptr;
     morv_err err = MORV_OK;
-    const std::string log = stderr_of([&] {
-      err = morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
-                              kBtreeKindCatalog, morv_catalog_compare_keys, &catalog);
+    const std::string log = logged([&] {
+      err = image.open_catalog(&catalog, morv_catalog_compare_keys);
       if (c.step == kOpen || err) return;
       // The search for the root folder's thread record (parent 2, empty
       // name) passes the damaged node; a walk passes every leaf.
@@ -262,25 +200,11 @@ TEST(BtreeDamage, DamagedNodeBitmapsEndClaimsWithCorrupt) {
   // with its bits all set, or with an empty map record.
   for (bool empty_record : {false, true}) {
     SCOPED_TRACE(empty_record);
-    Image image("--size 16777216 --label N --files 10 --extents-node-size 512 "
-                "--free-extents-nodes 2600 --fragmented-files 10 --file-fragments 60");
-    const auto header_node = read_file(image, vh::kExtentsFile, 0, 512);
-    const uint32_t map = load_be32(&header_node[0]);
-    ASSERT_NE(map, 0u);
-    patch_file(image, vh::kExtentsFile, load_be16(&header_node[512 - 6]),
-               std::vector<uint8_t>(256, 0xFF));
-    const uint64_t at = uint64_t{map} * 512;
-    auto node = read_file(image, vh::kExtentsFile, at, 512);
-    store_be32(&node[0], map);
-    // Two bytes of bits (or none) in the map node: the rest of the bitmap is
-    // asked of its fLink, itself.
-    const uint16_t first = load_be16(&node[510]);
-    std::fill(node.begin() + first, node.begin() + first + 2, 0xFF);
-    store_be16(&node[508], static_cast<uint16_t>(empty_record ? first : first + 2));
-    patch_file(image, vh::kExtentsFile, at, node);
+    Image image(kMapNodeExtents);
+    loop_map_node(image, vh::kExtentsFile, empty_record);
     ASSERT_EQ(image.open_extents(), MORV_OK);
     uint32_t claimed = 0;
-    const std::string log = stderr_of(
+    const std::string log = logged(
         [&] { EXPECT_EQ(morv_btree_claim_node(image.tree(), &claimed), MORV_ERR_CORRUPT); });
     EXPECT_THAT(log, HasSubstr(empty_record ? "Records offsets out of order in map node"
                                             : "The map nodes loop back to node"));
@@ -288,32 +212,21 @@ TEST(BtreeDamage, DamagedNodeBitmapsEndClaimsWithCorrupt) {
 }
 
 TEST(BtreeClaims, LowestFreeNodesFromHeaderMapAndMapNodeThenNoSplit) {
-  // 2600 free nodes of 512 bytes after the used ones: the header's map
-  // record covers nodes 0..2047, a map node the rest.
-  Image image("--size 16777216 --label N --files 10 --extents-node-size 512 "
-              "--free-extents-nodes 2600 --fragmented-files 10 --file-fragments 60");
+  Image image(kMapNodeExtents);
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* tree = image.tree();
   const Header before = read_header(tree);
   ASSERT_GT(before.total_nodes, 2048u + 8u);
+  ASSERT_FALSE(node_in_use(tree, before.total_nodes - 1));
   std::vector<uint32_t> claimed(before.free_nodes);
   for (uint32_t& node : claimed) ASSERT_EQ(morv_btree_claim_node(tree, &node), MORV_OK);
   for (size_t i = 1; i < claimed.size(); ++i) ASSERT_EQ(claimed[i], claimed[i - 1] + 1);
   EXPECT_EQ(claimed.back(), before.total_nodes - 1);
   EXPECT_EQ(read_header(tree).free_nodes, 0u);
   // Every node's bit is now set, in the header node and in the map node.
-  const auto header_node = read_fork(tree, 0, 512);
-  const uint32_t map = load_be32(header_node.data());
-  ASSERT_NE(map, 0u);
-  const auto map_node = read_fork(tree, uint64_t{map} * 512, 512);
-  const uint16_t header_map = load_be16(&header_node[512 - 6]);
-  const uint16_t node_map = load_be16(&map_node[512 - 2]);
-  for (uint32_t n = 0; n < before.total_nodes; ++n) {
-    const uint8_t byte =
-        n < 2048 ? header_node[header_map + n / 8] : map_node[node_map + (n - 2048) / 8];
-    ASSERT_TRUE(byte & (0x80 >> (n % 8))) << "node " << n;
-  }
-  EXPECT_EQ(load_be16(&header_node[512 - 8]), 512 - 8);  // its own offsets untouched
+  ASSERT_NE(load_be32(read_fork(tree, 0, 4).data()), 0u);
+  for (uint32_t n = 0; n < before.total_nodes; ++n) ASSERT_TRUE(node_in_use(tree, n)) << "node " << n;
+  EXPECT_EQ(load_be16(read_fork(tree, 512 - 8, 2).data()), 512 - 8);  // the header node's own offsets untouched
   // No node left: a claim and an insertion into a full builder leaf (which
   // needs a split) are refused and change nothing.
   const auto model = tree_contents(tree);
@@ -321,7 +234,7 @@ TEST(BtreeClaims, LowestFreeNodesFromHeaderMapAndMapNodeThenNoSplit) {
   const ExtKey k{std::get<0>(model.begin()->first), 0, std::get<2>(model.begin()->first) + 1};
   uint32_t node = 0xDEAD;
   const std::string need = "Need to expand B-tree, but this is not yet implemented.\n";
-  const std::string log = stderr_of([&] {
+  const std::string log = logged([&] {
     EXPECT_EQ(morv_btree_claim_node(tree, &node), MORV_ERR_UNSUPPORTED);
     EXPECT_EQ(insert(image.extents(), k, ext_record(k, 1)), MORV_ERR_UNSUPPORTED);
   });
@@ -330,97 +243,25 @@ TEST(BtreeClaims, LowestFreeNodesFromHeaderMapAndMapNodeThenNoSplit) {
   EXPECT_TRUE(read_fork(tree, 0, all.size()) == all);
 }
 
-namespace {
-
-// Runs `op` on a fresh copy of the deep image with the n-th operation of
-// `kind` failing, for n = 1, 2, ... until it succeeds. Each failure must give
-// `expected`, leave the tree's cached bytes as they were (so that a flush
-// writes nothing new), leave no locator open and leak nothing (the sanitizer
-// build); the run that succeeds must leave a consistent tree.
-const char* kFailureExtents =
-    "--size 16777216 --block-size 512 --label D --files 60 --extents-node-size 512 "
-    "--free-extents-nodes 900 --fragmented-files 40 --file-fragments 60";
-
-// The tree's file as it is in `image` (the builder writes it in one extent).
-std::vector<uint8_t> tree_file(Image& image, const std::vector<uint8_t>& bytes) {
-  const uint8_t* fork_data = image.volume_header() + vh::kExtentsFile;
-  const uint64_t start = uint64_t{load_be32(fork_data + forkdata::kExtents)} *
-                         load_be32(image.volume_header() + vh::kBlockSize);
-  return {bytes.begin() + start, bytes.begin() + start + load_be64(fork_data)};
-}
-
-template <typename Op>
-void fail_each(unsigned kind, morv_err expected, Op op) {
-  for (uint64_t n = 1;; ++n) {
-    SCOPED_TRACE(n);
-    Image image(kFailureExtents);
-    ASSERT_EQ(image.open_extents(), MORV_OK);
-    const auto pristine = image.bytes();
-    const auto cached = tree_file(image, pristine);
-    testing::internal::CaptureStderr();
-    morv_seam_fail_at(kind, n);
-    const morv_err err = op(image);
-    const bool delivered = morv_seam_failure_delivered();
-    morv_seam_fail_at(kind, 0);
-    if (delivered) {
-      ASSERT_TRUE(read_fork(image.tree(), 0, cached.size()) == cached);
-    }
-    ASSERT_EQ(morv_fork_flush(image.tree()->fork), MORV_OK);
-    image.close_all();
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(HasSubstr("leaked")));
-    if (!delivered) {
-      ASSERT_EQ(err, MORV_OK);
-      ASSERT_GT(n, 1u);
-      EXPECT_EQ(check_structure(image.path()), "");
-      return;
-    }
-    ASSERT_EQ(err, expected);
-    ASSERT_TRUE(image.bytes() == pristine);
-    ASSERT_LT(n, 2000u);
-  }
-}
-
-// Deletes `keys` in one transaction.
-morv_err delete_all(morv_btree* tree, const std::vector<ExtKey>& keys) {
-  morv_err err = morv_btree_transaction_begin(tree);
-  if (err) return err;
-  for (const ExtKey& k : keys)
-    if ((err = delete_key(tree, ext_key(k).data()))) break;
-  return morv_btree_transaction_end(tree, err);
-}
-
-// The keys of the leaf that holds `k`.
-std::vector<ExtKey> leaf_of(const ExtKey& k) {
-  Image image(kFailureExtents);
-  EXPECT_EQ(image.open_extents(), MORV_OK);
-  morv_btree_record_locator* l = find(image.tree(), k);
-  const uint32_t leaf = *l->node_number;
-  morv_btree_record_locator_close(&l);
-  std::vector<ExtKey> keys;
-  for (const auto& [key, record] : tree_contents(image.tree())) {
-    l = find(image.tree(), key);
-    if (*l->node_number == leaf) keys.push_back(key);
-    morv_btree_record_locator_close(&l);
-  }
-  return keys;
-}
-
-}  // namespace
-
 TEST(BtreeFailures, EveryInjectedFailureLeavesTheTreeAsItWas) {
   const ExtKey k{17, 0, 9};  // inside a full leaf: the insertion splits it
-  const std::vector<ExtKey> leaf = leaf_of({17, 0, 8});
+  std::vector<ExtKey> leaf;
+  {
+    Image image(kFailureExtents);
+    ASSERT_EQ(image.open_extents(), MORV_OK);
+    leaf = leaf_keys(image.tree(), {17, 0, 8});
+  }
   ASSERT_GE(leaf.size(), 2u);
   for (auto [kind, expected] : {std::pair{MORV_SEAM_ALLOC, MORV_ERR_NO_MEMORY},
                                 std::pair{MORV_SEAM_READ, MORV_ERR_IO}}) {
     SCOPED_TRACE(kind);
-    fail_each(kind, expected,
-              [&](Image& image) { return insert(image.extents(), k, ext_record(k, 5)); });
-    fail_each(kind, expected,
-              [&](Image& image) { return delete_key(image.tree(), ext_key({17, 0, 8}).data()); });
+    fail_each_fresh(kind, expected,
+                    [&](Image& image) { return insert(image.extents(), k, ext_record(k, 5)); });
+    fail_each_fresh(kind, expected,
+                    [&](Image& image) { return delete_key(image.tree(), ext_key({17, 0, 8}).data()); });
     // The emptied leaf is unlinked and freed when the transaction ends.
-    fail_each(kind, expected, [&](Image& image) { return delete_all(image.tree(), leaf); });
-    fail_each(kind, expected, [&](Image& image) {
+    fail_each_fresh(kind, expected, [&](Image& image) { return delete_all(image.tree(), leaf); });
+    fail_each_fresh(kind, expected, [&](Image& image) {
       int found = 0;
       Record out{};
       const morv_err err =
@@ -435,9 +276,7 @@ TEST(BtreeRecords, OddKeyAndDataSizesAndLargeRecordsKeepOrderAndContent) {
               "--free-catalog-nodes 400");
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* tree = nullptr;
-  ASSERT_EQ(morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
-                              kBtreeKindCatalog, test_compare, &tree),
-            MORV_OK);
+  ASSERT_EQ(image.open_catalog(&tree, test_compare), MORV_OK);
   using Bytes = std::vector<uint8_t>;
   const auto less = [](const Bytes& a, const Bytes& b) {
     return test_compare(a.data(), b.data(), 0) < 0;
@@ -490,7 +329,7 @@ TEST(BtreeRecords, OddKeyAndDataSizesAndLargeRecordsKeepOrderAndContent) {
   store_be16(key.data(), 6);
   store_be32(key.data() + 2, kTestParent + 1);
   morv_btree_record_locator* l = nullptr;
-  EXPECT_THAT(stderr_of([&] {
+  EXPECT_THAT(logged([&] {
                 EXPECT_EQ(morv_btree_insert_record(tree, key.data(), huge.data(),
                                                    static_cast<uint16_t>(huge.size()), nullptr, &l),
                           MORV_ERR_UNSUPPORTED);
@@ -508,9 +347,7 @@ TEST(BtreeRecords, NodesHoldingOneLargeRecordSplitForTheNext) {
               "--free-catalog-nodes 64");
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* tree = nullptr;
-  ASSERT_EQ(morv_btree_create(image.device(), image.extents(), 0, image.volume_header(),
-                              kBtreeKindCatalog, test_compare, &tree),
-            MORV_OK);
+  ASSERT_EQ(image.open_catalog(&tree, test_compare), MORV_OK);
   for (uint8_t name : {0x50, 0x60, 0x58, 0x54, 0x5C, 0x70, 0x40}) {
     std::vector<uint8_t> key(8);
     store_be16(key.data(), 6);
@@ -535,15 +372,9 @@ TEST(BtreeRecords, EmptiedLeafIsFreedAndItsRecordsGoElsewhere) {
   auto model = tree_contents(tree);
   const Header before = read_header(tree);
   // Empty the second leaf record by record.
-  morv_btree_record_locator* l = find(tree, std::next(model.begin(), 6)->first);
-  const uint32_t leaf = *l->node_number;
-  morv_btree_record_locator_close(&l);
-  std::vector<ExtKey> gone;
-  for (const auto& [k, r] : model) {
-    l = find(tree, k);
-    if (*l->node_number == leaf) gone.push_back(k);
-    morv_btree_record_locator_close(&l);
-  }
+  const ExtKey second = std::next(model.begin(), 6)->first;
+  const uint32_t leaf = node_of(tree, second);
+  const std::vector<ExtKey> gone = leaf_keys(tree, second);
   const auto descriptor = read_fork(tree, uint64_t{leaf} * tree->node_size, 8);
   for (const ExtKey& k : gone) {
     ASSERT_EQ(delete_key(tree, ext_key(k).data()), MORV_OK);

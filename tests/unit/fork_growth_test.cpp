@@ -5,45 +5,12 @@
 #include "alloc_test_support.hpp"
 #include "fork_test_support.hpp"
 
-using alloc_test::field;
-using alloc_test::Volume;
-using fork_test::has;
-using fork_test::logged;
-
-namespace {
+using namespace alloc_test;
+using morv_test::has;
+using morv_test::logged;
 
 // 256 blocks of 4 KiB, free from 29 to 254 (block 255 holds the alternate header).
 const char* const kSmall = "--size 1048576 --label Grow";
-
-uint8_t* startup(morv_volume* v) { return v->header + vh::kStartupFile; }
-
-// The startup file (empty on builder images) with a clump of `blocks`.
-morv_fork* startup_fork(morv_volume* v, uint32_t blocks) {
-  store_be32(startup(v) + forkdata::kClumpSize, blocks * 4096);
-  morv_fork* fork = nullptr;
-  EXPECT_EQ(morv_fork_create(v->device, v->extents, 0, v->header, kStartupFileCnid, startup(v), 0, &fork),
-            MORV_OK);
-  return fork;
-}
-
-std::pair<uint32_t, uint32_t> extent(morv_volume* v, size_t i) {
-  const uint8_t* e = startup(v) + forkdata::kExtents + 8 * i;
-  return {load_be32(e), load_be32(e + 4)};
-}
-
-// Runs one operation on a fresh startup fork of the volume (for failure loops).
-template <typename F>
-morv_err with_startup(morv_volume* v, F f) {
-  morv_fork* fork = nullptr;
-  if (morv_err err = morv_fork_create(v->device, v->extents, 0, v->header, kStartupFileCnid,
-                                      startup(v), 0, &fork))
-    return err;
-  const morv_err err = f(fork);
-  morv_fork_destroy(&fork);
-  return err;
-}
-
-}  // namespace
 
 TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFollows) {
   Volume v(kSmall);
@@ -74,7 +41,6 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   EXPECT_EQ(extent(v.volume, 1), std::make_pair(40u, 4u));
   ASSERT_EQ(FreeAllocationBlock(37, v.volume->bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
-  v.flush();
   EXPECT_EQ(v.check(), "");  // bitmap, freeBlocks and the alternate header's extents
 
   // Shrinking by 6 drops the second extent and cuts the first to 6 blocks.
@@ -89,7 +55,6 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin() + 4096));
   ASSERT_EQ(morv_fork_shrink(fork, v.volume, 6), MORV_OK);
   EXPECT_EQ(field(v.volume, vh::kFreeBlocks), free_blocks);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   const uint64_t alternate = 256 * 4096 - 1024;
   const auto flushed = v.bytes();
@@ -126,8 +91,8 @@ TEST(ForkGrowth, WriteLocationsLengthenTheLastExtentOrFillTheNextOnly) {
   EXPECT_EQ(apply(0, 60, 1), MORV_ERR_INVALID_ARGUMENT);
   EXPECT_EQ(apply(3, 60, 1), MORV_ERR_INVALID_ARGUMENT);
   EXPECT_EQ(apply(2, 60, 0), MORV_ERR_INVALID_ARGUMENT);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(apply(8, 60, 1), MORV_ERR_EXTENT_LIMIT); }),
-                  "Unable to update fork extents beyond the first 8 extents."));
+  EXPECT_LOGGED(apply(8, 60, 1), MORV_ERR_EXTENT_LIMIT,
+                "Unable to update fork extents beyond the first 8 extents.");
   EXPECT_EQ(memcmp(before, fd, sizeof fd), 0);
   EXPECT_EQ(UpdateForkExtents(nullptr, nullptr), MORV_ERR_INVALID_ARGUMENT);
 }
@@ -138,8 +103,7 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   auto unchanged = [&](morv_fork* f, morv_err expected, const char* message) {
     const std::vector<uint8_t> header(v.volume->header, v.volume->header + vh::kSize);
     uint32_t added = 77;
-    EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(f, v.volume, &added), expected); }), message))
-        << message;
+    EXPECT_LOGGED(morv_fork_expand(f, v.volume, &added), expected, message);
     EXPECT_EQ(added, 77u);
     EXPECT_EQ(memcmp(header.data(), v.volume->header, vh::kSize), 0);
     EXPECT_FALSE(v.marked(29) || v.marked(32));
@@ -150,18 +114,15 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   ASSERT_EQ(morv_fork_create(v.device, nullptr, 1, v.volume->header, 5, bad_blocks, 0, &other), MORV_OK);
   unchanged(other, MORV_ERR_INTERNAL, "Invalid CNID for morv_fork_expand (5). We currently only "
                                       "support forks with their fork data in the volume header.\n");
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_shrink(other, v.volume, 1), MORV_ERR_INTERNAL); }),
-                  "Invalid CNID for morv_fork_shrink (5)."));
+  EXPECT_LOGGED(morv_fork_shrink(other, v.volume, 1), MORV_ERR_INTERNAL,
+                "Invalid CNID for morv_fork_shrink (5).");
   morv_fork_destroy(&other);
   // The bitmap's own fork would write through itself while growing.
   unchanged(v.volume->bitmap->priv->fork, MORV_ERR_INTERNAL, "serves as the volume's bitmap");
   // Eight extents in use (inside the extents file, so the run cannot
   // continue the last): no ninth.
-  for (uint32_t i = 0; i < 8; ++i) {
-    store_be32(startup(v.volume) + forkdata::kExtents + 8 * i, 2 + i);
-    store_be32(startup(v.volume) + forkdata::kExtents + 8 * i + 4, 1);
-  }
-  store_be32(startup(v.volume) + forkdata::kTotalBlocks, 8);
+  const auto eight_fd = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
+  std::copy(eight_fd.begin() + forkdata::kTotalBlocks, eight_fd.end(), startup(v.volume) + forkdata::kTotalBlocks);
   morv_fork* eight = nullptr;
   ASSERT_EQ(morv_fork_create(v.device, v.volume->extents, 0, v.volume->header, 7, startup(v.volume), 0, &eight),
             MORV_OK);
@@ -179,13 +140,12 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   store_be32(startup(v.volume) + forkdata::kClumpSize, 4 * 4096);
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
   ASSERT_EQ(morv_fork_write(fork, 100, "x", 1, nullptr), MORV_OK);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_ERR_INVALID_ARGUMENT); }),
-                  "Error while flushing trailing part of fork.\n"));
+  EXPECT_LOGGED(morv_fork_expand(fork, v.volume, &added), MORV_ERR_INVALID_ARGUMENT,
+                "Error while flushing trailing part of fork.\n");
   ASSERT_EQ(morv_fork_flush(fork), MORV_OK);
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
   ASSERT_EQ(morv_fork_shrink(fork, v.volume, 8), MORV_OK);
   morv_fork_destroy(&fork);
-  v.flush();
   EXPECT_EQ(v.check(), "");
 
   // A volume without a free run of the clump: an error, and no block 0
@@ -193,8 +153,8 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
   Volume tight("--size 1048576 --label Tight --free-blocks 3");
   fork = startup_fork(tight.volume, 4);
   const uint32_t free_blocks = field(tight.volume, vh::kFreeBlocks);
-  EXPECT_TRUE(has(logged([&] { EXPECT_EQ(morv_fork_expand(fork, tight.volume, &added), MORV_ERR_UNSUPPORTED); }),
-                  "No free run of 4 blocks found in the allocation file.\n"));
+  EXPECT_LOGGED(morv_fork_expand(fork, tight.volume, &added), MORV_ERR_UNSUPPORTED,
+                "No free run of 4 blocks found in the allocation file.\n");
   EXPECT_EQ(field(tight.volume, vh::kFreeBlocks), free_blocks);
   EXPECT_EQ(load_be32(startup(tight.volume) + forkdata::kTotalBlocks), 0u);
   morv_fork_destroy(&fork);
@@ -214,13 +174,11 @@ TEST(ForkGrowth, InjectedFailuresLeaveTheVolumeAsItWas) {
   };
   EXPECT_GT(alloc_test::fail_each_unchanged(v, expand), 0u);
   EXPECT_EQ(load_be32(startup(v.volume) + forkdata::kTotalBlocks), 3u);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {
               return with_startup(vol, [&](morv_fork* f) { return morv_fork_shrink(f, vol, 2); });
             }), 0u);
   EXPECT_EQ(load_be32(startup(v.volume) + forkdata::kTotalBlocks), 1u);
-  v.flush();
   EXPECT_EQ(v.check(), "");
   // A growth taken back after writes into its blocks leaves nothing to
   // write and the image as it was.

@@ -38,12 +38,9 @@ TEST(RwLock, CreateLockDestroyAndAllocationFailure) {
   morv_rwlock* lock = nullptr;
   ASSERT_EQ(morv_rwlock_create(&lock), MORV_OK);
   ASSERT_NE(lock, nullptr);
-  EXPECT_EQ(morv_rwlock_lock_read(lock), MORV_OK);
-  EXPECT_EQ(morv_rwlock_lock_read(lock), MORV_OK);
-  EXPECT_EQ(morv_rwlock_unlock(lock), MORV_OK);
-  EXPECT_EQ(morv_rwlock_unlock(lock), MORV_OK);
-  EXPECT_EQ(morv_rwlock_lock_write(lock), MORV_OK);
-  EXPECT_EQ(morv_rwlock_unlock(lock), MORV_OK);
+  for (auto step : {morv_rwlock_lock_read, morv_rwlock_lock_read, morv_rwlock_unlock, morv_rwlock_unlock,
+                    morv_rwlock_lock_write, morv_rwlock_unlock})
+    EXPECT_EQ(step(lock), MORV_OK);
   EXPECT_EQ(morv_rwlock_destroy(&lock), MORV_OK);
   EXPECT_EQ(lock, nullptr);
 

@@ -1,58 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "support_unix.hpp"
-#include "unicode.hpp"
+#include "unicode_test_support.hpp"
 
-namespace {
-
-using Units = std::vector<uint16_t>;
-
-// Big-endian bytes of `units`, `offset` bytes into the buffer so that names at
-// odd addresses are exercised too.
-struct BeName {
-  std::vector<uint8_t> bytes;
-  size_t offset;
-  BeName(const Units& units, size_t off = 0) : bytes(off + 2 * units.size() + 2), offset(off) {
-    for (size_t i = 0; i < units.size(); ++i) store_be16(&bytes[off + 2 * i], units[i]);
-  }
-  const uint16_t* p() const { return reinterpret_cast<const uint16_t*>(bytes.data() + offset); }
-};
-
-Units decompose_one(uint16_t unit) {
-  uint16_t out[kUnicodeMaxDecomposition] = {};
-  return Units(out, out + morv_unicode_decompose_char(unit, out));
-}
-
-Units compose(const Units& in) {
-  Units out(in.size() + 1);
-  size_t n = 0;
-  EXPECT_EQ(morv_unicode_compose_string(BeName(in).p(), in.size(), out.data(), out.size(), &n), 0);
-  out.resize(n);
-  return out;
-}
-
-Units row_sequence(const uint16_t* first) {
-  Units seq;
-  for (size_t k = 0; k < kUnicodeMaxDecomposition && first[k] != 0; ++k) seq.push_back(first[k]);
-  return seq;
-}
-
-template <typename F>
-std::string logged(F f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
-bool has(const std::string& log, const char* text) { return log.find(text) != std::string::npos; }
-
-}  // namespace
+using namespace unicode_test;
 
 TEST(UnicodeTables, EveryRowDecomposesFullyAndComposesBack) {
   std::map<uint16_t, Units> decompositions;
@@ -193,23 +148,21 @@ TEST(UnicodeToUtf8, CallerBuffersAndAllocationFailure) {
   EXPECT_EQ(len, 3u);
   EXPECT_EQ(std::string(buffer, 5), std::string("A\xC3\xA9\0x", 5));
 
-  for (uint64_t n = 1;; ++n) {
-    morv_seam_fail_at(MORV_SEAM_ALLOC, n);
-    char* result = nullptr;
-    size_t result_len = 77;
-    const morv_err err = morv_unicode_unistr_to_utf8(units.data(), 2, 0, &result, &result_len);
-    const bool failed = morv_seam_failure_delivered();
-    morv_seam_fail_at(0, 0);
+  char* result = nullptr;
+  size_t result_len = 77;
+  EXPECT_GT(morv_test::fail_each(MORV_SEAM_ALLOC, [&] {
+    return morv_unicode_unistr_to_utf8(units.data(), 2, 0, &result, &result_len);
+  }, [&](morv_err err, bool failed, uint64_t) {
     if (!failed) {
       ASSERT_EQ(err, MORV_OK);
       EXPECT_STREQ(result, "A\xC3\xA9");
       free(result);
-      break;
+      return;
     }
     EXPECT_EQ(err, MORV_ERR_NO_MEMORY);
     EXPECT_EQ(result, nullptr);
     EXPECT_EQ(result_len, 77u);
-  }
+  }), 0u);
 }
 
 TEST(Utf8ToUnistr, DecodingAndInvalidForms) {
@@ -275,44 +228,6 @@ TEST(Utf8ToUnistr, CallerBuffersAndAllocationReportedAsSuccess) {
   EXPECT_EQ(result, nullptr);
   EXPECT_EQ(len, 0u);
 }
-
-namespace {
-// Reference ordering, built from the project's case-folding data: fold every
-// unit, drop the ignorable ones (binary: stop at a 0 unit), compare the rest.
-using FoldMap = std::map<uint16_t, uint16_t>;
-
-FoldMap read_folding_data() {
-  FoldMap fold;
-  std::ifstream data(MORV_SOURCE_DIR "/scripts/data/hfsplus-case-folding.txt");
-  for (std::string line; std::getline(data, line);) {
-    unsigned unit = 0, folded = 0;
-    if (!line.empty() && line[0] != '#' && std::istringstream(line) >> std::hex >> unit >> folded) {
-      fold[static_cast<uint16_t>(unit)] = static_cast<uint16_t>(folded);
-    }
-  }
-  return fold;
-}
-
-uint16_t fold_of(const FoldMap& fold, uint16_t u) { return fold.count(u) ? fold.at(u) : u; }
-
-int reference_compare(const FoldMap& fold, const Units& a, const Units& b, bool binary) {
-  auto key = [&](const Units& name) {
-    Units k;
-    for (uint16_t u : name) {
-      if (binary && u == 0) break;
-      if (const uint16_t f = binary ? u : fold_of(fold, u)) k.push_back(f);
-    }
-    return k;
-  };
-  const Units ka = key(a), kb = key(b);
-  return ka == kb ? 0 : (ka < kb ? -1 : 1);
-}
-
-int compare(const Units& a, const Units& b, bool binary, size_t offset = 0) {
-  return morv_unicode_compare_names(BeName(a, offset).p(), a.size(), BeName(b, 1 - offset).p(),
-                                    b.size(), binary);
-}
-}  // namespace
 
 TEST(UnicodeCompareNames, AgreesWithTheFoldingData) {
   // Fixed points of the ordering, which the reference must agree with too.
