@@ -409,7 +409,7 @@ TEST(BtreeDamage, NodesInUseThatTheBitmapCallsFreeAreNotClaimed) {
   ASSERT_EQ(image.open_extents(), MORV_OK);
   const auto before = read_fork(image.tree(), 0, *image.tree()->fork->logical_size);
   const ExtKey k{17, 0, 9};  // inside a full leaf: the insertion splits it
-  const std::string log = stderr_of(
+  const std::string log = logged(
       [&] { EXPECT_EQ(insert(image.extents(), k, ext_record(k, 1)), MORV_ERR_CORRUPT); });
   EXPECT_THAT(log, HasSubstr("The node bitmap marks node 1 free, but it is in use."));
   EXPECT_TRUE(read_fork(image.tree(), 0, before.size()) == before);
@@ -432,7 +432,7 @@ TEST(BtreeLocators, AStaleLocatorIsNotReusedForAnotherRecord) {
   std::copy(key.begin(), key.end(), bytes.begin() + at);  // record 0 now carries the second key
   ASSERT_EQ(morv_fork_write(tree->fork, node, bytes.data(), bytes.size(), nullptr), MORV_OK);
   morv_btree_record_locator* fresh = nullptr;
-  stderr_of([&] {
+  logged([&] {
     morv_btree_search_result r;
     morv_btree_search_result_init(&r);
     ASSERT_EQ(morv_btree_search_node(tree, key.data(), &r), MORV_OK);
