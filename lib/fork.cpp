@@ -240,9 +240,11 @@ morv_err morv_fork_private_create(morv_device* device, morv_extents* extents, in
 namespace {
 
 // A fork's logicalSize lies within its blocks, and its blocks within the
-// volume's: nothing is sized from a fork before this holds.
-[[nodiscard]] morv_err check_fork_size(const uint8_t* volume_header, uint32_t cnid,
-                                       const uint8_t* fork_data) {
+// volume's and the device's: nothing is sized from a fork before this holds.
+// Set-up holds the volume to its device, but a tree may be opened from a
+// header nobody checked.
+[[nodiscard]] morv_err check_fork_size(morv_device* device, const uint8_t* volume_header,
+                                       uint32_t cnid, const uint8_t* fork_data) {
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t volume_blocks = load_be32(volume_header + vh::kTotalBlocks);
   const uint64_t logical_size = load_be64(fork_data + forkdata::kLogicalSize);
@@ -250,6 +252,14 @@ namespace {
   if (total_blocks > volume_blocks) {
     MORV_ERROR("Fork of CNID %lu has %lu allocation blocks, more than the volume's %lu.\n",
                morv_ul(cnid), morv_ul(total_blocks), morv_ul(volume_blocks));
+    return MORV_ERR_CORRUPT;
+  }
+  uint64_t device_bytes = 0;
+  if (morv_device_get_size(device, &device_bytes) == MORV_OK && device_bytes > 0 &&
+      uint64_t{total_blocks} * block_size > device_bytes) {
+    MORV_ERROR("Fork of CNID %lu has %lu allocation blocks of %lu bytes, more than its device's "
+               "%llu bytes.\n",
+               morv_ul(cnid), morv_ul(total_blocks), morv_ul(block_size), morv_ull(device_bytes));
     return MORV_ERR_CORRUPT;
   }
   if (logical_size > uint64_t{total_blocks} * block_size) {
@@ -266,7 +276,7 @@ namespace {
 morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partial,
                           const uint8_t* volume_header, uint32_t cnid, uint8_t* fork_data,
                           uint32_t min_sector_size, morv_fork** out_fork) {
-  if (morv_err err = check_fork_size(volume_header, cnid, fork_data)) return err;
+  if (morv_err err = check_fork_size(device, volume_header, cnid, fork_data)) return err;
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t sector_size =
       device->sector_size > min_sector_size ? device->sector_size : min_sector_size;

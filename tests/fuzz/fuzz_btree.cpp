@@ -299,11 +299,6 @@ void run_script(Script& s, const Trees& trees) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static fuzz::MemoryImage image;
   image.load(data, size);

@@ -128,11 +128,6 @@ void check_changes_in_catalog(const std::vector<uint8_t>& before, const std::vec
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static fuzz::MemoryImage image;
   image.load(data, size);

@@ -56,11 +56,6 @@ void check_printed(const fuzz::ToolRun& run, const char* mode) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static fuzz::MemoryImage image;
   image.load(data, size);

@@ -217,11 +217,6 @@ void check_ordering(const units_t& a, const units_t& b, const units_t& c) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check_utf8_to_utf16(std::string(reinterpret_cast<const char*>(data), size));
   if (size < 2) return 0;

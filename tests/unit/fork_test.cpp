@@ -26,15 +26,21 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
     EXPECT_EQ(img.priv()->items_length, 0u);
   }
   for (auto [size, items] : {std::pair<uint64_t, size_t>{1048576, 1}, {1048577, 2}}) {
-    ForkImage img(4096, 4, {{1, 300}}, size);
+    ForkImage img(4096, 301, {{1, 300}}, size);
     ASSERT_EQ(img.create(), MORV_OK);
     EXPECT_EQ(img.priv()->items_length, items);
     EXPECT_EQ(img.priv()->sector_size, 512u);
   }
-  {  // sizes beyond the fork's blocks or the volume's are refused before anything is sized
+  {  // sizes beyond the fork's blocks, the device's or the volume's are refused before
+     // anything is sized (a fuzzed header once sized a 100 GB cache array)
     ForkImage img(512, 8, {{1, 2}}, uint64_t{1} << 42);
     EXPECT_LOGGED(img.create(), MORV_ERR_CORRUPT,
                   "Fork of CNID 4 is 4398046511104 bytes long, beyond its 2 allocation blocks of 512 bytes.\n");
+    store_be32(img.fork_data + forkdata::kTotalBlocks, 9);
+    EXPECT_LOGGED(img.create(), MORV_ERR_CORRUPT,
+                  "Fork of CNID 4 has 9 allocation blocks of 512 bytes, more than its device's "
+                  "4096 bytes.\n");
+    store_be32(img.fork_data + forkdata::kTotalBlocks, 2);
     store_be64(img.fork_data, 1024);
     store_be32(img.header + vh::kTotalBlocks, 1);
     EXPECT_LOGGED(img.create(), MORV_ERR_CORRUPT,

@@ -19,7 +19,7 @@ namespace fuzz {
 
 inline constexpr size_t kBootBlocksSize = 1024;
 
-// Once per process, from LLVMFuzzerInitialize: standard output goes to a
+// Once per process, from LLVMFuzzerInitialize (defined with it): standard output goes to a
 // memory file (read by run_tool), standard error's stream is discarded
 // unless MORV_FUZZ_LOG is set in the environment. Sanitizer and libFuzzer
 // reports do not use that stream and are never lost.

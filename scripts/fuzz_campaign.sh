@@ -2,7 +2,7 @@
 # Fuzz campaign over the libFuzzer targets of tests/fuzz (clang, ASan, UBSan,
 # leak checks), one target after the other:
 #
-#   bash tests/fuzz/campaign.sh [--time SECONDS] [--jobs N] [--keep-going] [TARGET ...]
+#   bash scripts/fuzz_campaign.sh [--time SECONDS] [--jobs N] [--keep-going] [TARGET ...]
 #
 #   TARGET        print, change, btree, unicode (default: all four)
 #   --time S      seconds of fuzzing per target (default 900)
@@ -27,7 +27,7 @@
 #
 # Exit status: 0 when no target reported anything, 1 otherwise.
 set -euo pipefail
-cd "$(dirname "$0")/../.."
+cd "$(dirname "$0")/.."
 
 time_per_target=900
 jobs=1
@@ -45,7 +45,7 @@ while (($#)); do
     --no-build) build=0; shift ;;
     --smoke) smoke=1; shift ;;
     print|change|btree|unicode) targets+=("$1"); shift ;;
-    *) echo "campaign.sh: unknown argument: $1" >&2; exit 2 ;;
+    *) echo "fuzz_campaign.sh: unknown argument: $1" >&2; exit 2 ;;
   esac
 done
 ((${#targets[@]})) || targets=(print change btree unicode)
@@ -85,7 +85,7 @@ summary=()
 for t in "${targets[@]}"; do
   binary="$dir/fuzz_$t"
   seeds="$dir/seeds/$t"
-  [ -x "$binary" ] && [ -d "$seeds" ] || { echo "campaign.sh: $binary or $seeds missing" >&2; exit 2; }
+  [ -x "$binary" ] && [ -d "$seeds" ] || { echo "fuzz_campaign.sh: $binary or $seeds missing" >&2; exit 2; }
   read -r -a options <<<"$(target_options "$t")"
   if ((smoke)); then
     rm -rf "$dir/smoke/$t"

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Seed corpus of the fuzz targets, made at build time by the image builder.
 
-    make_seeds.py OUT_DIR
+    fuzz_seeds.py OUT_DIR
 
 Writes OUT_DIR/print, change, btree and unicode.  The volume seeds are small
 volumes of every shape tests/support/mkimage.py makes (HFS+ and HFSX, block
@@ -22,9 +22,9 @@ import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SUPPORT = os.path.join(os.path.dirname(HERE), "support")
-MKIMAGE = os.path.join(SUPPORT, "mkimage.py")
-sys.path.insert(0, SUPPORT)
+
+MKIMAGE = os.path.join(HERE, "mkimage.py")
+sys.path.insert(0, HERE)
 from mkimage import hfs_name  # noqa: E402  the stored (decomposed) form of a name
 LABEL = "Fuzz"
 BOOT = 1024
@@ -98,7 +98,7 @@ def build(name, options, work):
         else:
             size *= 2
     if out.returncode != 0:
-        raise SystemExit("make_seeds: %s: %s" % (name, out.stderr.strip()))
+        raise SystemExit("fuzz_seeds: %s: %s" % (name, out.stderr.strip()))
     with open(path, "rb") as f:
         return f.read(), json.loads(out.stdout)
 
@@ -145,7 +145,7 @@ def catalog_record(image, parent, name_length):
     for _, at, size in leaf_records(image):
         if struct.unpack_from(">IH", image, at + 2) == (parent, name_length):
             return at, size
-    raise SystemExit("make_seeds: no catalog record of parent %d" % parent)
+    raise SystemExit("fuzz_seeds: no catalog record of parent %d" % parent)
 
 
 def patch(image, at, data):
@@ -344,7 +344,7 @@ def write(directory, name, data):
 
 def main(argv):
     if len(argv) != 2:
-        print("usage: make_seeds.py OUT_DIR", file=sys.stderr)
+        print("usage: fuzz_seeds.py OUT_DIR", file=sys.stderr)
         return 2
     out = argv[1]
     work = os.path.join(out, "work")

@@ -143,3 +143,9 @@ bool valid_utf8(const std::string& text) {
 }
 
 }  // namespace fuzz
+
+// Every target sets up the process the same way before its first input.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::init();
+  return 0;
+}

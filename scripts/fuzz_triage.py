@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Groups fuzz findings by cause.
 
-    triage.py [-v] BINARY FINDING_OR_DIR...
+    fuzz_triage.py [-v] BINARY FINDING_OR_DIR...
 
 Replays every finding once through the target BINARY and names its cause:
 the broken property, or the sanitizer's error kind (timeouts and memory
