@@ -2,6 +2,10 @@
 // opening a tree over its fork, record locators, search and iteration, node
 // claims from the node bitmap, insertion with node splits, and deletion.
 //
+// Trees come from disks the engine does not trust: every node is checked
+// where it is read and every walk is bounded, so damage ends an operation
+// with MORV_ERR_CORRUPT. Changes are all or nothing (see Transactions).
+//
 // The engine knows nothing of key contents; the client supplies the key
 // comparison when it opens the tree. Every public operation takes the tree's
 // lock in write mode (a locator's data write takes it in read mode); the
