@@ -77,3 +77,18 @@ TEST(ExtentsTree, WrongTreeTypeOrKindIsRefused) {
   EXPECT_THAT(log, HasSubstr("Error while reading unknown B-Tree into memory.\n"));
   EXPECT_EQ(tree, nullptr);
 }
+
+// Found by fuzzing: a tree opened straight from a header that set-up never
+// saw, one claiming more blocks than the device holds, once sized its fork's
+// cache from it (100 GB).
+TEST(ExtentsTree, AForkClaimingMoreThanItsDeviceIsRefusedBeforeAnythingIsSized) {
+  Image image("--size 8388608 --label X");
+  uint8_t* header = image.volume_header();
+  const uint32_t block_size = load_be32(header + vh::kBlockSize);
+  uint8_t* fork = header + vh::kExtentsFile;
+  store_be32(header + vh::kTotalBlocks, 0xFFFFFFFF);
+  store_be32(fork + forkdata::kTotalBlocks, 0xFFFFFF00);
+  store_be64(fork + forkdata::kLogicalSize, uint64_t{0xFFFFFF00} * block_size);
+  EXPECT_LOGGED(image.open_extents(), MORV_ERR_CORRUPT, "more than its device's 8388608 bytes.\n");
+  EXPECT_EQ(image.extents(), nullptr);
+}
