@@ -84,11 +84,13 @@ TEST(ExtentsTree, WrongTreeTypeOrKindIsRefused) {
 TEST(ExtentsTree, AForkClaimingMoreThanItsDeviceIsRefusedBeforeAnythingIsSized) {
   Image image("--size 8388608 --label X");
   uint8_t* header = image.volume_header();
-  const uint32_t block_size = load_be32(header + vh::kBlockSize);
   uint8_t* fork = header + vh::kExtentsFile;
+  store_be32(header + vh::kBlockSize, 0x80000000);
   store_be32(header + vh::kTotalBlocks, 0xFFFFFFFF);
+  std::fill_n(fork + forkdata::kExtents, 64, 0);
+  store_be32(fork + forkdata::kExtents + 4, 0xFFFFFF00);  // one extent covering the fork
   store_be32(fork + forkdata::kTotalBlocks, 0xFFFFFF00);
-  store_be64(fork + forkdata::kLogicalSize, uint64_t{0xFFFFFF00} * block_size);
+  store_be64(fork + forkdata::kLogicalSize, uint64_t{0xFFFFFF00} << 31);
   EXPECT_LOGGED(image.open_extents(), MORV_ERR_CORRUPT, "more than its device's 8388608 bytes.\n");
   EXPECT_EQ(image.extents(), nullptr);
 }
