@@ -165,6 +165,16 @@ def fork_size(image):
     return patch(image, 1024 + CATALOG_FORK, struct.pack(">Q", 1 << 48))
 
 
+def fork_beyond_device(image):
+    """Blocks of 2 GiB, and an extents file of 0xFFFFFF00 of them in one
+    extent: a tree opened without set-up's check of the volume against its
+    device sized a 70 TB cache item array."""
+    header = patch(image[1024:1536], 40, struct.pack(">II", 0x80000000, 0xFFFFFFFF))
+    fork = struct.pack(">QII", 0xFFFFFF00 << 31, 0, 0xFFFFFF00)
+    fork += struct.pack(">II", 0, 0xFFFFFF00) + bytes(56)
+    return patch(image, 1024, patch(header, EXTENTS_FORK, fork))
+
+
 def total_nodes(image):
     """An index cycle under totalNodes 0xFFFFFFFF: the descent was bounded
     only by totalNodes."""
@@ -303,6 +313,7 @@ MOVE_FIRST_ITEM = op(RENAME, bytes([16, 2]), name_raw("moved file"))
 FOUND = {
     "found-root-name-length": ("few", root_name_length, ("print", "change"), None),
     "found-fork-size": ("few", fork_size, ("print", "change", "btree"), None),
+    "found-fork-beyond-device": ("few", fork_beyond_device, ("btree",), None),
     "found-total-nodes": ("corrupt-index-cycle", total_nodes, ("print", "change"), None),
     "found-leaf-cycle": ("few", leaf_cycle, ("btree",), None),
     "found-bitmap-live-nodes": ("half-full", bitmap_live_nodes, ("btree",), MOVE_FIRST_ITEM),
