@@ -15,15 +15,52 @@ constexpr const char* kLogSource = "support_unix";
 // not the expanded text: a format without a trailing newline leaves the line
 // open and the next message continues it without a prefix.
 int g_line_start = 1;
+
+// Log lines go into bug reports, and an address says nothing there but tells
+// a reader where the heap and the program lie. Each "%p" conversion of a
+// message is written as "(pointer)" and its argument consumed by "%.0s",
+// which prints nothing and reads no byte (a void* may be taken as a char*
+// from a variable argument list).
+enum class pointer_rewrite { none, done, too_long };
+
+pointer_rewrite hide_pointers(const char* format, char* out, size_t capacity) {
+  static constexpr char kHidden[] = "(pointer)%.0s";
+  size_t used = 0;
+  bool found = false;
+  for (const char* p = format; *p; ++p) {
+    const char* piece = p;
+    size_t piece_length = 1;
+    if (p[0] == '%' && (p[1] == '%' || p[1] == 'p')) {
+      found |= p[1] == 'p';
+      piece = p[1] == 'p' ? kHidden : p;
+      piece_length = p[1] == 'p' ? sizeof kHidden - 1 : 2;
+      ++p;
+    }
+    if (capacity - used <= piece_length) return pointer_rewrite::too_long;
+    memcpy(out + used, piece, piece_length);
+    used += piece_length;
+  }
+  out[used] = '\0';
+  return found ? pointer_rewrite::done : pointer_rewrite::none;
+}
 }  // namespace
 
 int morv_log(const char* /*source_file*/, int line, const char* function_name, const char* level,
              const char* format, ...) {
   if (g_line_start) fprintf(stderr, "[%s: %s, line %d] ", level, function_name, line);
-  va_list args;
-  va_start(args, format);
-  vfprintf(stderr, format, args);
-  va_end(args);
+  char rewritten[1024];
+  const pointer_rewrite rewrite = hide_pointers(format, rewritten, sizeof rewritten);
+  if (rewrite == pointer_rewrite::too_long) {
+    fputs(format, stderr);  // unexpanded, so that no address can appear
+  } else {
+    va_list args;
+    va_start(args, format);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    vfprintf(stderr, rewrite == pointer_rewrite::done ? rewritten : format, args);
+#pragma GCC diagnostic pop
+    va_end(args);
+  }
   const size_t length = strlen(format);
   g_line_start = (length > 0 && format[length - 1] == '\n') ? 1 : 0;
   return static_cast<int>(length);

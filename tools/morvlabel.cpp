@@ -10,9 +10,14 @@
 // is refused, before anything is written, when the volume's own state makes
 // it unsafe (locked, journal not replayed, inconsistent, not unmounted).
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <mntent.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #if defined(__GLIBC__)
@@ -23,6 +28,7 @@
 #include "btree.hpp"
 #include "device_unix.hpp"
 #include "fork.hpp"
+#include "identify.hpp"
 #include "support_unix.hpp"
 #include "unicode.hpp"
 #include "volume.hpp"
@@ -35,18 +41,24 @@ constexpr const char* kOutputModeOption = "--output-mode=";
 constexpr size_t kOutputModeOptionLength = 14;
 constexpr uint32_t kSectorSize = 512;
 constexpr const char* kMountTable = "/proc/mounts";
-// A mount's source is at most 4095 bytes, and the mount table writes each in
-// at most four, so a line's first field always fits.
-constexpr size_t kMountTableBufferSize = 4 * 4096 + 64;
+// Loop device numbers noted for one file: a few devices and their partitions.
+constexpr size_t kMaxLoopNumbers = 64;
 // Allocations up to this size come from the heap rather than a mapping each.
 constexpr int kHeapAllocationLimit = 4 << 20;
 
 // 0 = raw (the stored, decomposed units), 1 = composed.
 int g_output_mode = 0;
 
-void print_usage() {
-  fprintf(stderr, "%s %s\n", kProgramName, kVersion);
-  fprintf(stderr, "usage: %s [--output-mode=<raw|composed>] <device> [<new label>]\n", kProgramName);
+void print_version(FILE* stream) { fprintf(stream, "%s %s\n", kProgramName, kVersion); }
+
+void print_usage(FILE* stream = stderr) {
+  print_version(stream);
+  fprintf(stream, "usage: %s [--output-mode=<raw|composed>] <device> [<new label>]\n", kProgramName);
+}
+
+// "morvlabel: PATH: reason", the line that follows a failed open.
+void print_reason(const char* path, int error) {
+  fprintf(stderr, "%s: %s: %s\n", kProgramName, path, strerror(error));
 }
 
 // Copies the cached big-endian label to host-order units, composed or raw.
@@ -96,90 +108,143 @@ void print_line(const char* text, size_t length) {
   }
 }
 
-// ---- The mount table ----
+// ---- Whether the device is in use ----
 //
-// /proc/mounts holds one mount per line, its source first; the fields are
-// separated by blanks, and a blank, newline or backslash inside a field is
-// written \040, \011, \012 or \134 (a backslash also as \\). The table is
-// read with read(2) and only each line's first field is decoded, as getmntent
-// decodes it: stdio and getmntent's parsing of the other fields cost more
-// than everything else printing a label does.
+// A mounted file system is never touched. Besides the path as typed, a mount
+// is found by what its source is: the same block device (st_rdev) under any
+// name, the same file (st_dev and st_ino) under any name, or a loop device
+// whose backing file is that file. The kernel's own claim is asked too: a
+// block device is opened for a change with O_EXCL, which fails while it or a
+// partition of it is mounted or otherwise held, and a loop device backed by
+// the file is tried the same way, which finds mounts in other namespaces.
 
-// Decodes a field's escapes in place; returns the decoded length.
-size_t decode_mount_field(char* field, size_t length) {
-  static const struct {
-    const char* code;
-    char value;
-  } kEscapes[] = {{"040", ' '}, {"011", '\t'}, {"012", '\n'}, {"134", '\\'}};
-  size_t out = 0;
-  for (size_t i = 0; i < length; ++i) {
-    char c = field[i];
-    if (c == '\\' && i + 1 < length && field[i + 1] == '\\') {
-      ++i;
-    } else if (c == '\\' && i + 3 < length) {
-      for (const auto& escape : kEscapes) {
-        if (memcmp(field + i + 1, escape.code, 3) == 0) {
-          c = escape.value;
-          i += 3;
-          break;
-        }
-      }
-    }
-    field[out++] = c;
-  }
-  return out;
-}
+// The loop devices (and their partitions) backed by one file.
+struct loop_devices {
+  dev_t numbers[kMaxLoopNumbers];
+  size_t count = 0;
+  bool held = false;  // claimed by a holder or an exclusive opener
+};
 
-// True when the line's first field is `path`. Blank lines and lines that
-// begin with '#' name no mount.
-bool line_names_source(char* line, size_t length, const char* path, size_t path_length) {
-  size_t start = 0;
-  while (start < length && (line[start] == ' ' || line[start] == '\t')) ++start;
-  if (start == length || line[start] == '#') return false;
-  size_t end = start;
-  while (end < length && line[end] != ' ' && line[end] != '\t') ++end;
-  const size_t decoded = decode_mount_field(line + start, end - start);
-  return decoded == path_length && memcmp(line + start, path, decoded) == 0;
-}
-
-// Sets *mounted when `path`, exactly as typed, is the source of a mount.
-// False with errno set when the mount table cannot be opened or read.
-bool scan_mount_table(const char* path, bool* mounted) {
-  static char buffer[kMountTableBufferSize];
-  const int fd = open64(kMountTable, O_RDONLY | O_CLOEXEC);
-  if (fd == -1) return false;
-  const size_t path_length = strlen(path);
-  size_t held = 0;
-  bool rest_of_long_line = false;  // skipping the tail of a line that filled the buffer
-  *mounted = false;
-  while (!*mounted) {
-    const ssize_t n = read(fd, buffer + held, sizeof buffer - held);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      const int saved = errno;
-      close(fd);
-      errno = saved;
-      return false;
-    }
-    held += static_cast<size_t>(n);
-    size_t line = 0;
-    while (!*mounted && line < held) {
-      char* newline = static_cast<char*>(memchr(buffer + line, '\n', held - line));
-      // A line without its newline waits for more, unless the table ended or
-      // the line fills the whole buffer (its first field is complete then).
-      if (!newline && n != 0 && !(line == 0 && held == sizeof buffer)) break;
-      const size_t end = newline ? static_cast<size_t>(newline - buffer) : held;
-      if (!rest_of_long_line)
-        *mounted = line_names_source(buffer + line, end - line, path, path_length);
-      rest_of_long_line = !newline && n != 0;
-      line = newline ? end + 1 : held;
-    }
-    memmove(buffer, buffer + line, held - line);
-    held -= line;
-    if (n == 0) break;
-  }
+// Reads a one-line sysfs attribute without its newline; false when absent.
+bool read_attribute(const char* path, char* out, size_t capacity) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  ssize_t n;
+  do n = read(fd, out, capacity - 1);
+  while (n < 0 && errno == EINTR);
   close(fd);
+  if (n <= 0) return false;
+  out[n] = '\0';
+  out[strcspn(out, "\n")] = '\0';
   return true;
+}
+
+bool directory_has_entries(const char* path) {
+  DIR* dir = opendir(path);
+  if (!dir) return false;
+  bool found = false;
+  while (const dirent* entry = readdir(dir))
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) found = true;
+  closedir(dir);
+  return found;
+}
+
+// Notes the device number of /sys/block/`name` (or a partition under it),
+// and whether something holds it.
+void note_block(const char* directory, loop_devices* loops) {
+  char path[PATH_MAX];
+  char number[32];
+  unsigned major_number = 0;
+  unsigned minor_number = 0;
+  snprintf(path, sizeof path, "%s/dev", directory);
+  if (read_attribute(path, number, sizeof number) &&
+      sscanf(number, "%u:%u", &major_number, &minor_number) == 2 && loops->count < kMaxLoopNumbers)
+    loops->numbers[loops->count++] = makedev(major_number, minor_number);
+  snprintf(path, sizeof path, "%s/holders", directory);
+  if (directory_has_entries(path)) loops->held = true;
+}
+
+// The loop device /sys/block/`name`, when its backing file is `file`.
+void note_loop_device(const char* name, const struct stat64& file, loop_devices* loops) {
+  char path[PATH_MAX];
+  char backing[PATH_MAX];
+  struct stat64 st;
+  snprintf(path, sizeof path, "/sys/block/%s/loop/backing_file", name);
+  if (!read_attribute(path, backing, sizeof backing) || stat64(backing, &st) != 0 ||
+      st.st_dev != file.st_dev || st.st_ino != file.st_ino)
+    return;
+  snprintf(path, sizeof path, "/sys/block/%s", name);
+  note_block(path, loops);
+  if (DIR* dir = opendir(path)) {
+    const size_t name_length = strlen(name);
+    while (const dirent* entry = readdir(dir)) {
+      if (strncmp(entry->d_name, name, name_length) != 0) continue;  // partitions: loop0p1
+      char partition[PATH_MAX + NAME_MAX + 2];
+      snprintf(partition, sizeof partition, "%s/%s", path, entry->d_name);
+      note_block(partition, loops);
+    }
+    closedir(dir);
+  }
+  snprintf(path, sizeof path, "/dev/%s", name);
+  const int fd = open(path, O_RDONLY | O_EXCL | O_CLOEXEC | O_NONBLOCK);
+  if (fd >= 0)
+    close(fd);
+  else if (errno == EBUSY)
+    loops->held = true;
+}
+
+void find_loop_devices(const struct stat64& file, loop_devices* loops) {
+  DIR* dir = opendir("/sys/block");
+  if (!dir) return;
+  while (const dirent* entry = readdir(dir))
+    if (strncmp(entry->d_name, "loop", 4) == 0) note_loop_device(entry->d_name, file, loops);
+  closedir(dir);
+}
+
+// Whether the mount source `source` is the device or file `target`, or one
+// of the loop devices backed by it.
+bool is_same_device(const char* source, const struct stat64& target, const loop_devices& loops) {
+  struct stat64 st;
+  if (source[0] != '/' || stat64(source, &st) != 0) return false;
+  if (S_ISBLK(st.st_mode)) {
+    if (S_ISBLK(target.st_mode)) return st.st_rdev == target.st_rdev;
+    for (size_t i = 0; i < loops.count; ++i)
+      if (st.st_rdev == loops.numbers[i]) return true;
+    return false;
+  }
+  return S_ISREG(st.st_mode) && S_ISREG(target.st_mode) && st.st_dev == target.st_dev &&
+         st.st_ino == target.st_ino;
+}
+
+// Sets *mounted when a mount's source is `path` as typed or, when `target`
+// is known, the same device or file by any name. False with errno set when
+// the mount table cannot be opened or read.
+bool scan_mount_table(const char* path, const struct stat64* target, const loop_devices& loops,
+                      bool* mounted) {
+  // A mount's source is at most 4095 bytes, and the table writes each byte
+  // in at most four, so every source fits.
+  static char buffer[4 * 4096 + 4096];
+  FILE* table = setmntent(kMountTable, "r");
+  if (!table) return false;
+  mntent entry;
+  *mounted = false;
+  while (!*mounted && getmntent_r(table, &entry, buffer, sizeof buffer)) {
+    *mounted = strcmp(entry.mnt_fsname, path) == 0 ||
+               (target && is_same_device(entry.mnt_fsname, *target, loops));
+  }
+  const bool failed = ferror(table);
+  const int saved = errno;
+  endmntent(table);
+  errno = saved;
+  return !failed;
+}
+
+// Opens the device for printing (read-only) or changing (read/write, and
+// exclusively when it is a block device).
+int open_device(const char* path, bool changing, bool block_device) {
+  int flags = changing ? O_RDWR : O_RDONLY;
+  if (changing && block_device) flags |= O_EXCL;
+  return open64(path, flags);
 }
 
 }  // namespace
@@ -211,6 +276,18 @@ morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
     fprintf(stderr, "Invalid volume label \"%s\": a volume cannot be named \"\", \".\" or \"..\".\n",
             new_label);
     return MORV_ERR_INVALID_ARGUMENT;
+  }
+  // A label is shown on one line: a control character would break it in two
+  // or send a terminal an escape sequence. In UTF-8 these bytes stand only
+  // for themselves, never inside another character's sequence.
+  for (const char* p = new_label; *p; ++p) {
+    const auto c = static_cast<unsigned char>(*p);
+    if (c < 0x20 || c == 0x7F) {
+      fprintf(stderr, "Invalid volume label: it contains the control character U+%04X at byte %zu; "
+              "a label cannot hold control characters (U+0000 to U+001F, U+007F).\n",
+              c, static_cast<size_t>(p - new_label) + 1);
+      return MORV_ERR_INVALID_ARGUMENT;
+    }
   }
   const size_t label_bytes = strlen(new_label);
   uint16_t* converted = nullptr;
@@ -310,6 +387,16 @@ int main(int argc, char** argv) {
   keep_cache_items_on_the_heap();
 
   do {
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+      print_usage(stdout);
+      exit_status = 0;
+      break;
+    }
+    if (argc == 2 && (strcmp(argv[1], "--version") == 0 || strcmp(argv[1], "-V") == 0)) {
+      print_version(stdout);
+      exit_status = 0;
+      break;
+    }
     if (argc < 2 || argc > 4) {
       print_usage();
       break;
@@ -335,22 +422,37 @@ int main(int argc, char** argv) {
     }
     const char* write_text = new_label ? "/write" : "";
 
-    // A mounted file system is never touched. Only the path exactly as typed
-    // is compared with the mount table's sources.
+    const bool changing = new_label != nullptr;
+    struct stat64 target;
+    const bool known = stat64(device_path, &target) == 0;
+    loop_devices loops;
+    if (known && S_ISREG(target.st_mode)) find_loop_devices(target, &loops);
     bool mounted = false;
-    if (!scan_mount_table(device_path, &mounted)) {
+    if (!scan_mount_table(device_path, known ? &target : nullptr, loops, &mounted)) {
       fprintf(stderr, "Error while opening %s for reading: %s (%d)\n", kMountTable,
               strerror(errno), errno);
       break;
     }
-    if (mounted) {
+    if (mounted || loops.held) {
       fprintf(stderr, "Refusing to open mounted file system.\n");
       break;
     }
 
-    fd = open64(device_path, new_label ? O_RDWR : O_RDONLY);
+    fd = open_device(device_path, changing, known && S_ISBLK(target.st_mode));
+    const int open_error = fd == -1 ? errno : 0;
+    struct stat64 opened;
+    if (fd != -1 && fstat64(fd, &opened) == 0 && S_ISDIR(opened.st_mode)) {
+      close(fd);  // a directory opens read-only, but holds no volume
+      fd = -1;
+    }
     if (fd == -1) {
-      fprintf(stderr, "Error while opening HFS+ volume in read%s mode.\n", write_text);
+      const int error = open_error ? open_error : EISDIR;
+      // An exclusive open fails so while the device or a partition of it is mounted.
+      if (error == EBUSY && changing)
+        fprintf(stderr, "Refusing to open mounted file system.\n");
+      else
+        fprintf(stderr, "Error while opening HFS+ volume in read%s mode.\n", write_text);
+      print_reason(device_path, error);
       break;
     }
     if (morv_device_create(fd, new_label ? 0 : 1, kSectorSize, 0, &device)) {
@@ -360,6 +462,7 @@ int main(int argc, char** argv) {
     // The tool never allocates blocks, so the allocation file is not loaded.
     if (morv_volume_create(device, 1, &volume)) {
       fprintf(stderr, "Error while opening volume in read%s mode.\n", write_text);
+      morvlabel_identify(fd, device_path);
       break;
     }
     morv_err err = MORV_OK;

@@ -34,6 +34,21 @@ TEST(Log, PrefixFollowsTheFormatsLineEnds) {
   EXPECT_EQ(morv_log("t", 5, "j", "ERROR", "abc\n"), 4);
 }
 
+TEST(Log, NoAddressIsShown) {
+  int object = 0;
+  const std::string long_format = std::string(1100, 'x') + " %p\n";
+  testing::internal::CaptureStderr();
+  MORV_ERROR("\n");
+  morv_log("t", 1, "f", "ERROR", "item %p of %d, %%p and %s\n", static_cast<void*>(&object), 3, "text");
+  morv_log("t", 2, "g", "ERROR", "%p != %p\n", static_cast<void*>(&object), static_cast<void*>(nullptr));
+  morv_log("t", 3, "h", "ERROR", long_format.c_str(), static_cast<void*>(&object));
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(out.substr(out.find('\n') + 1),
+            "[ERROR: f, line 1] item (pointer) of 3, %p and text\n"
+            "[ERROR: g, line 2] (pointer) != (pointer)\n"
+            "[ERROR: h, line 3] " + long_format);
+}
+
 TEST(RwLock, CreateLockDestroyAndAllocationFailure) {
   morv_rwlock* lock = nullptr;
   ASSERT_EQ(morv_rwlock_create(&lock), MORV_OK);
