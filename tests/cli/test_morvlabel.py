@@ -11,6 +11,8 @@ Run one group: test_morvlabel.py CommandLine|Printing|Changing|Safety|Refusals
 
 import fcntl
 import os
+import re
+import shutil
 import subprocess
 import sys
 import time
@@ -18,9 +20,15 @@ import unicodedata
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from cli_support import (EMULATOR, TOOL, USAGE, ImageCase, blkid_label, build, build_xorriso,  # noqa: E402
-                         check, contents, digest, hfs_decomposed, tool,
-                         tool_in_mount_namespace, utf16_units)
+import diskimage  # noqa: E402
+from cli_support import (EMULATOR, TOOL, USAGE, ImageCase, blkid_label, build, build_hybrid_iso,  # noqa: E402
+                         build_xorriso, check, contents, digest, hfs_decomposed, loop_device,
+                         partx_partitions, tool, tool_in_mount_namespace, utf16_units)
+
+
+def contents_to(path, data):
+    with open(path, "wb") as f:
+        f.write(data)
 
 
 class CommandLine(ImageCase):
@@ -36,34 +44,64 @@ class CommandLine(ImageCase):
                 self.assertEqual(result.stderr, USAGE)
                 self.assertEqual(result.stdout, b"")
 
-    def test_open_failures_name_the_mode(self):
-        missing = self.path("missing.img")
-        self.assertEqual(tool(missing).stderr, b"Error while opening HFS+ volume in read mode.\n")
-        self.assertEqual(tool(missing, "New").stderr,
-                         b"Error while opening HFS+ volume in read/write mode.\n")
-        zeros = self.path("zeros.img")
-        with open(zeros, "wb") as f:
-            f.truncate(1 << 20)
-        for args, mode in (([zeros], b"read"), ([zeros, "x"], b"read/write")):
-            self.assert_fails(tool(*args), b"Error while opening volume in " + mode + b" mode.\n",
-                              b"Invalid signature word for HFS+ volume: 0x0\n")
-        self.assertEqual(contents(zeros), bytes(1 << 20))
+    def test_help_and_version_alone(self):
+        version = USAGE.splitlines(keepends=True)[0]
+        for args, out in ((["--help"], USAGE), (["-h"], USAGE), (["--version"], version), (["-V"], version)):
+            with self.subTest(args=args):
+                result = tool(*args)
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (0, out, b""))
+        # With other arguments they are a device path, as before.
+        self.assert_fails(tool("--version", self.path()), b"morvlabel: --version: No such file or directory\n")
 
-    def test_mounted_device_is_refused_by_its_path_as_typed(self):
+    def test_open_failures_say_why(self):
+        missing = self.path("missing.img")
+        directory = self.path("dir")
+        os.mkdir(directory)
+        for path, reason in ((missing, b"No such file or directory"), (directory, b"Is a directory")):
+            for args, mode in (([path], b"read"), ([path, "New"], b"read/write")):
+                result = tool(*args)
+                self.assertEqual((result.returncode, result.stderr),
+                                 (1, b"Error while opening HFS+ volume in %s mode.\nmorvlabel: %s: %s\n"
+                                  % (mode, os.fsencode(path), reason)))
+        image = self.path()
+        build(image, "Guarded", "--size", 4 << 20)
+        before = digest(image)
+        os.chmod(self.dir, 0o755)
+        os.chmod(image, 0o600)
+        if shutil.which("setpriv") and os.geteuid() == 0:
+            nobody = tool(image, "New", wrapper=["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"])
+            self.assertEqual(nobody.stderr, b"Error while opening HFS+ volume in read/write mode.\n"
+                             b"morvlabel: %s: Permission denied\n" % os.fsencode(image))
+        if subprocess.run(["chattr", "+i", image], capture_output=True).returncode == 0:
+            try:
+                self.assertEqual(tool(image, "New").stderr, b"Error while opening HFS+ volume in read/write "
+                                 b"mode.\nmorvlabel: %s: Operation not permitted\n" % os.fsencode(image))
+            finally:
+                subprocess.run(["chattr", "-i", image], check=True)
+        self.assertEqual(digest(image), before)
+
+    def test_mounted_image_is_found_under_any_name(self):
         # The mount table writes the blank and the backslash as \040 and \134.
         image = self.path("mounted vol\\ume.img")
         build(image, "Mounted", "--size", 4 << 20)
-        link = self.path("link.img")
-        os.symlink(image, link)
-        mountpoint = self.path("mnt")
-        os.mkdir(mountpoint)
-        script = 'mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"'
-        for args in ([image, "New"], [image]):
-            result = tool_in_mount_namespace(self, script, [image, mountpoint], *args)
-            self.assertEqual((result.returncode, result.stderr), (1, b"Refusing to open mounted file system.\n"))
-        # Another path to the same file is not recognised.
-        other = tool_in_mount_namespace(self, script, [image, mountpoint], link)
-        self.assertEqual((other.returncode, other.stdout), (0, b"Mounted\n"), other.stderr)
+        before = digest(image)
+        os.symlink(image, self.path("link.img"))
+        for name in ("mnt", "bound"):
+            os.mkdir(self.path(name))
+        # The image is the source of a mount, and its directory is bound elsewhere.
+        script = ('mount -t tmpfs "$1" "$2" && mount --bind "$3" "$4" || exit 99; cd "$3"; shift 4; exec "$@"')
+        names = [image, "./" + os.path.basename(image), self.path("link.img"),
+                 self.dir + "//" + os.path.basename(image), os.path.join(self.path("bound"), os.path.basename(image))]
+        for name in names:
+            for args in ([name, "New"], [name]):
+                with self.subTest(args=args):
+                    result = tool_in_mount_namespace(self, script, [image, self.path("mnt"), self.dir,
+                                                                    self.path("bound")], *args)
+                    self.assertEqual((result.returncode, result.stdout, result.stderr),
+                                     (1, b"", b"Refusing to open mounted file system.\n"))
+        self.assertEqual(digest(image), before)
+        # Unmounted, the same names reach the volume.
+        self.assertEqual(tool(self.path("link.img")).stdout, b"Mounted\n")
 
     def test_mount_table_lines_are_read_as_getmntent_reads_them(self):
         image = self.path("vol ume\\x.img")
@@ -196,6 +234,14 @@ class Changing(ImageCase):
                 self.assertEqual(result.returncode, 1)
                 self.assertEqual(result.stderr, b'Invalid volume label "%s": a volume cannot be named '
                                  b'"", "." or "..".\n' % label)
+        # Control characters would split the printed line or drive a terminal.
+        for label, code, at in ((b"two\nlines", 0x0A, 4), (b"\ttab", 0x09, 1), (b"\x1b[31mred", 0x1B, 1),
+                                (b"del\x7f", 0x7F, 4), (b"caf\xc3\xa9\x1f", 0x1F, 6)):
+            with self.subTest(label=label):
+                result = tool(image, label)
+                self.assertEqual((result.returncode, result.stderr), (1, b"Invalid volume label: it contains the "
+                                 b"control character U+%04X at byte %d; a label cannot hold control characters "
+                                 b"(U+0000 to U+001F, U+007F).\n" % (code, at)))
         # A four-byte form above U+10FFFF, wherever it stands, and other invalid UTF-8.
         for label in (b"New\xf4\x90\x80\x80", b"\xf4\x90\x80\x80New", b"\xff", b"a\xc3", b"\xed\xa0\x80"):
             with self.subTest(label=label):
@@ -387,6 +433,153 @@ class Refusals(ImageCase):
         image = self.path()
         build_xorriso(image, "XORRISO VOL", 3)
         self.assert_refused(image, "locked", "XORRISO VOL")
+
+
+class Identification(ImageCase):
+    """A file that holds no HFS+ volume is named for what it holds."""
+
+    def assert_named(self, image, line):
+        before = digest(image)
+        for args, mode in (([image], b"read"), ([image, "New"], b"read/write")):
+            with self.subTest(image=os.path.basename(image), mode=mode):
+                result = tool(*args)
+                self.assertNotIn(b"Sanitizer", result.stderr)
+                self.assert_fails(result, b"Error while opening volume in %s mode.\nmorvlabel: %s: %s\n"
+                                  % (mode, os.fsencode(image), line.encode("utf-8")))
+        self.assertEqual(digest(image), before, "a file that is not HFS+ was written")
+
+    def test_file_systems_and_short_files(self):
+        volume = self.path("volume.img")
+        build(volume, "Wrapped", "--size", 4 << 20)
+        makers = [
+            ("empty", lambda p: open(p, "wb").close(), "not an HFS+ volume but an empty file"),
+            ("short", lambda p: contents_to(p, b"x" * 1535), "not an HFS+ volume but a file of 1535 bytes, "
+                                                              "too short to hold one"),
+            ("zeros", lambda p: contents_to(p, bytes(1 << 20)), "not an HFS+ volume: its first 68 KiB are all zeros"),
+            ("fat12", lambda p: diskimage.fat(p, "FAT12", "FLOPPY"), 'not an HFS+ volume but a FAT12 file system labelled "FLOPPY"'),
+            ("fat32", lambda p: diskimage.fat(p, "FAT32", "NO NAME"), "not an HFS+ volume but a FAT32 file system"),
+            ("exfat", lambda p: diskimage.boot_sector(p, "EXFAT"), "not an HFS+ volume but an exFAT file system"),
+            ("ntfs", lambda p: diskimage.boot_sector(p, "NTFS"), "not an HFS+ volume but an NTFS file system"),
+            ("iso", lambda p: diskimage.iso9660(p, "CD\x1b[2J"),
+             'not an HFS+ volume but an ISO 9660 image labelled "CD\\x1B[2J" with no HFS+ volume'),
+            ("hfs", lambda p: diskimage.hfs(p, "Caf\u00e9"), 'not an HFS+ volume but a plain HFS (Mac OS Standard) '
+             'volume labelled "Caf\\x8E", which morvlabel does not handle'),
+            ("wrapper", lambda p: diskimage.hfs(p, "Outer", 16 << 20, wrapped=volume),
+             'not an HFS+ volume but an HFS wrapper around one: HFS+ volume "Wrapped" starts at byte 65536. '
+             'Attach it with "losetup --find --show --offset 65536 %s" and name the loop device it prints'),
+        ]
+        if shutil.which("mkfs.ext4"):
+            makers += [(kind, lambda p, k=kind, label=label: subprocess.run(
+                            ["mkfs.ext4", "-q", "-t", k, "-L", label, p, "8M"], check=True, capture_output=True), line)
+                       for kind, label, line in (("ext2", "", "not an HFS+ volume but an ext2 file system"),
+                                                 ("ext4", "ORIG", 'not an HFS+ volume but an ext4 file system '
+                                                  'labelled "ORIG"'))]
+        for name, make, line in makers:
+            image = self.path(name + ".img")
+            make(image)
+            self.assert_named(image, line.replace("%s", image))
+
+    def test_disks_name_their_hfs_partitions(self):
+        mb = 1 << 20
+        plus, hfsx, damaged = self.path("plus.img"), self.path("hfsx.img"), self.path("damaged.img")
+        build(plus, "Data \u00e9t\u00e9", "--size", 8 << 20)
+        build(hfsx, "Other", "--size", 4 << 20, "--hfsx")
+        build(damaged, "Lost", "--size", 4 << 20, "--corrupt", "root-thread-no-data")
+        gpt, mbr, iso = self.path("gpt.img"), self.path("mbr.img"), self.path("hybrid.iso")
+        diskimage.gpt_disk(gpt, 32 * mb, [(1, mb, 8 * mb, diskimage.HFS_PLUS_TYPE, plus, "Mac"),
+                                          (2, 9 * mb, 4 * mb, diskimage.LINUX_DATA_TYPE, None, "Linux"),
+                                          (4, 20 * mb, 4 * mb, diskimage.HFS_PLUS_TYPE, damaged, "Lost")])
+        diskimage.mbr_disk(mbr, 32 * mb, [(mb, 8 * mb, 0x83, None)],
+                           [(10 * mb, 4 * mb, 0x83, None), (16 * mb, 4 * mb, 0xAF, hfsx)])
+        build_hybrid_iso(iso, "HYBRID VOL")
+        advice = '. Attach the image with "losetup --find --show --partscan %s" and name partition %d of the ' \
+                 'loop device it prints (/dev/loopNp%d)'
+        cases = [
+            (gpt, 'a GUID partition table: partition 1 at byte 1048576 holds HFS+ volume "Data \u00e9t\u00e9", '
+             'partition 4 at byte 20971520 holds an HFS+ volume whose label cannot be read', 1),
+            (mbr, 'an MBR partition table: partition 6 at byte 16777216 holds HFSX volume "Other"', 6),
+            (iso, 'an Apple partition map: partition 3 at byte 65536 holds HFS+ volume "HYBRID VOL"', 3),
+        ]
+        for image, table, first in cases:
+            self.assert_named(image, "not an HFS+ volume but a disk with " + table + advice % (image, first, first))
+            # util-linux finds the same partitions at the same offsets.
+            found = partx_partitions(image)
+            for number, offset in re.findall(r"partition (\d+) at byte (\d+) holds", table):
+                self.assertEqual(found[int(number)], int(offset))
+
+    def test_damaged_tables_end_in_a_line(self):
+        mb = 1 << 20
+        tables = [
+            ("count", dict(count=0xFFFFFFFF), "a GUID partition table and no HFS+ partition"),
+            ("entry-size", dict(entry_size=0x80000000), "a GUID partition table and no HFS+ partition"),
+            ("entries-beyond", dict(entries_at=1 << 60), "a GUID partition table and no HFS+ partition"),
+        ]
+        for name, damage, table in tables:
+            image = self.path(name + ".img")
+            diskimage.gpt_disk(image, 8 * mb, [(1, mb, 4 * mb, diskimage.HFS_PLUS_TYPE, None, "x")], **damage)
+            self.assert_named(image, "not an HFS+ volume but a disk with " + table)
+        beyond = self.path("beyond.img")
+        diskimage.gpt_disk(beyond, 8 * mb, [(1, 6 * mb, 4 * mb, diskimage.HFS_PLUS_TYPE, None, "x")])
+        self.assert_named(beyond, "not an HFS+ volume but a disk with a GUID partition table and no HFS+ partition")
+        looped = self.path("loop.img")
+        diskimage.ebr_loop(looped, 8 * mb)
+        self.assert_named(looped, "not an HFS+ volume but a disk with an MBR partition table and no HFS+ partition")
+
+
+class LoopDevices(ImageCase):
+    """An image behind a loop device that is mounted or held is refused by
+    every name; a whole disk named by its device is told its partition."""
+
+    def test_images_behind_loop_devices(self):
+        image = self.path()
+        build(image, "Looped", "--size", 4 << 20)
+        before = digest(image)
+        mountpoint = self.path("mnt")
+        os.mkdir(mountpoint)
+        os.symlink(image, self.path("link.img"))
+        refused = (1, b"", b"Refusing to open mounted file system.\n")
+        with loop_device(self, image) as loop:
+            os.symlink(loop, self.path("loop-link"))
+            # Attached but unused, the image is no one's.
+            self.assertEqual(tool(image).stdout, b"Looped\n")
+            script = 'mount -t tmpfs "$1" "$2" || exit 99; shift 2; exec "$@"'
+            for args in ([image, "New"], [self.path("link.img")], [self.path("loop-link"), "New"]):
+                with self.subTest(mounted=args):
+                    result = tool_in_mount_namespace(self, script, [loop, mountpoint], *args)
+                    self.assertEqual((result.returncode, result.stdout, result.stderr), refused)
+            holder = os.open(loop, os.O_RDONLY | os.O_EXCL)
+            try:
+                result = tool(image, "New")
+                self.assertEqual((result.returncode, result.stdout, result.stderr), refused)
+                self.assertEqual(tool(loop, "New").stderr, b"Refusing to open mounted file system.\n"
+                                 b"morvlabel: %s: Device or resource busy\n" % loop.encode())
+            finally:
+                os.close(holder)
+            self.assertEqual(digest(image), before)
+            # Free again, the loop device itself can be changed.
+            self.assertEqual(tool(loop, "Via loop").returncode, 0)
+        self.assertEqual(tool(image).stdout, b"Via loop\n")
+        check(self, image)
+
+    def test_a_mounted_loop_device_and_a_whole_disk_device(self):
+        ext4 = self.path("ext4.img")
+        subprocess.run(["mkfs.ext4", "-q", "-L", "Linux", ext4, "8M"], check=True, capture_output=True)
+        before = digest(ext4)
+        mountpoint = self.path("mnt")
+        os.mkdir(mountpoint)
+        # Where loop devices cannot be had, mount fails and the test is skipped.
+        script = 'mount -o loop,ro "$1" "$2" || exit 99; shift 2; exec "$@"'
+        result = tool_in_mount_namespace(self, script, [ext4, mountpoint], ext4, "New")
+        self.assertEqual((result.returncode, result.stderr), (1, b"Refusing to open mounted file system.\n"))
+        self.assertEqual(digest(ext4), before)
+        volume, disk = self.path("volume.img"), self.path("disk.img")
+        build(volume, "Inside", "--size", 4 << 20)
+        diskimage.gpt_disk(disk, 16 << 20, [(2, 1 << 20, 4 << 20, diskimage.HFS_PLUS_TYPE, volume, "Mac")])
+        with loop_device(self, disk) as loop:
+            result = tool(loop)
+            self.assertTrue(result.stderr.endswith(b'partition 2 at byte 1048576 holds HFS+ volume "Inside". '
+                                                   b"Name the partition instead: %sp2\n" % loop.encode()),
+                            result.stderr)
 
 
 if __name__ == "__main__":
