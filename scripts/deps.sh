@@ -5,6 +5,8 @@ packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
           g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
 # The manual page's lint and rendering, installing and packaging.
 packages+=(mandoc man-db pkgconf dpkg-dev file)
+# The CLI tests: ext2/ext4 images and the immutable flag (mkfs.ext4, chattr).
+packages+=(e2fsprogs)
 # The fuzz build: clang, its libFuzzer and sanitizer runtimes, the symbolizer.
 packages+=(clang-14 libclang-rt-14-dev llvm-14)
 # The kernel reader (tests/support/kernelreader.py) boots Debian's kernel
