@@ -2,6 +2,7 @@
 // volume.
 //
 //   morvlabel [--output-mode=<raw|composed>] <device> [<new label>]
+//   morvlabel -h|--help      morvlabel -V|--version
 //
 // The label is the name of the root folder (CNID 2). Printing opens the device
 // read-only under a shared advisory lock and never writes; changing it opens
@@ -9,6 +10,8 @@
 // the catalog and writes back only the catalog's modified sectors. A change
 // is refused, before anything is written, when the volume's own state makes
 // it unsafe (locked, journal not replayed, inconsistent, not unmounted).
+// A device that is mounted, under any name, is not opened at all; one that
+// holds no HFS+ volume is named for what it holds (identify.cpp).
 #include <cerrno>
 #include <climits>
 #include <cstdio>
