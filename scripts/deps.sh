@@ -3,8 +3,10 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libgtest-dev libgmock-dev googletest python3
           g++-arm-linux-gnueabihf qemu-user xorriso util-linux)
-# The manual page's lint and rendering, installing and packaging.
-packages+=(mandoc man-db pkgconf dpkg-dev file)
+# The manual page's lint and rendering, installing and packaging: the CPack
+# packages and the Debian source package (dpkg-buildpackage needs
+# build-essential and the package's build dependencies), checked by lintian.
+packages+=(mandoc man-db pkgconf dpkg-dev file build-essential debhelper lintian)
 # The CLI tests: ext2/ext4 images and the immutable flag (mkfs.ext4, chattr).
 packages+=(e2fsprogs)
 # The fuzz build: clang, its libFuzzer and sanitizer runtimes, the symbolizer.

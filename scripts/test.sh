@@ -12,14 +12,17 @@ bash scripts/deps.sh
 builds=("$@")
 ((${#builds[@]})) || builds=(normal sanitize arm fuzz)
 jobs=$(nproc)
+# The tests, and warnings as errors: the compiler here is the one the code is
+# kept warning-free with.
+testing=(-DBUILD_TESTING=ON -DMORV_WERROR=ON)
 
 for b in "${builds[@]}"; do
   dir="build/$b"
   source_dir=.
   case "$b" in
-    normal)   args=() ;;
-    sanitize) args=(-DMORV_SANITIZE=ON) ;;
-    arm)      args=(-DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake) ;;
+    normal)   args=("${testing[@]}") ;;
+    sanitize) args=("${testing[@]}" -DMORV_SANITIZE=ON) ;;
+    arm)      args=("${testing[@]}" -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake) ;;
     fuzz)     args=(-DCMAKE_CXX_COMPILER=clang++-14); source_dir=tests/fuzz ;;
     *) echo "unknown build: $b" >&2; exit 2 ;;
   esac
