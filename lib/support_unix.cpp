@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <pthread.h>
 #include <unistd.h>
@@ -17,50 +19,107 @@ constexpr const char* kLogSource = "support_unix";
 int g_line_start = 1;
 
 // Log lines go into bug reports, and an address says nothing there but tells
-// a reader where the heap and the program lie. Each "%p" conversion of a
-// message is written as "(pointer)" and its argument consumed by "%.0s",
-// which prints nothing and reads no byte (a void* may be taken as a char*
-// from a variable argument list).
-enum class pointer_rewrite { none, done, too_long };
-
-pointer_rewrite hide_pointers(const char* format, char* out, size_t capacity) {
-  static constexpr char kHidden[] = "(pointer)%.0s";
-  size_t used = 0;
-  bool found = false;
-  for (const char* p = format; *p; ++p) {
-    const char* piece = p;
-    size_t piece_length = 1;
-    if (p[0] == '%' && (p[1] == '%' || p[1] == 'p')) {
-      found |= p[1] == 'p';
-      piece = p[1] == 'p' ? kHidden : p;
-      piece_length = p[1] == 'p' ? sizeof kHidden - 1 : 2;
-      ++p;
-    }
-    if (capacity - used <= piece_length) return pointer_rewrite::too_long;
-    memcpy(out + used, piece, piece_length);
-    used += piece_length;
+// a reader where the heap and the program lie. A message with a "%p" is
+// written one conversion at a time, each taking its argument with the type
+// its length modifier and conversion name; a "%p" takes its pointer and
+// writes "(pointer)" instead.
+bool has_pointer_conversion(const char* format) {
+  for (const char* p = strchr(format, '%'); p; p = strchr(p + 2, '%')) {
+    if (p[1] == 'p') return true;
+    if (p[1] == '\0') break;
   }
-  out[used] = '\0';
-  return found ? pointer_rewrite::done : pointer_rewrite::none;
+  return false;
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+template <typename T>
+void write_conversion(const char* spec, const int* stars, int star_count, T value) {
+  if (star_count == 0) fprintf(stderr, spec, value);
+  if (star_count == 1) fprintf(stderr, spec, stars[0], value);
+  if (star_count == 2) fprintf(stderr, spec, stars[0], stars[1], value);
+}
+#pragma GCC diagnostic pop
+
+// Skips a '*' (taking its int) or digits.
+const char* skip_count(const char* p, int* stars, int* star_count, va_list& args) {
+  if (*p != '*') return p + strspn(p, "0123456789");
+  stars[(*star_count)++] = va_arg(args, int);
+  return p + 1;
+}
+
+void write_hiding_pointers(const char* format, va_list& args) {
+  const char* p = format;
+  while (*p) {
+    if (*p != '%' || p[1] == '%') {
+      const size_t n = *p == '%' ? 1 : strcspn(p, "%");
+      fwrite(p, 1, n, stderr);
+      p += *p == '%' ? 2 : n;
+      continue;
+    }
+    // %[flags][width][.precision][length]conversion
+    const char* start = p++;
+    int stars[2];
+    int star_count = 0;
+    p = skip_count(p + strspn(p, "-+ #0'"), stars, &star_count, args);
+    if (*p == '.') p = skip_count(p + 1, stars, &star_count, args);
+    const char* length = p;
+    p += strspn(p, "hljztL");
+    const char conversion = *p;
+    if (conversion == '\0') return;
+    ++p;
+    char spec[32];
+    const size_t spec_length = static_cast<size_t>(p - start);
+    if (spec_length >= sizeof spec) return;
+    memcpy(spec, start, spec_length);
+    spec[spec_length] = '\0';
+    const bool ll = strncmp(length, "ll", 2) == 0;
+    const bool l = !ll && *length == 'l';
+    if (conversion == 'p' || conversion == 'n') {
+      (void)va_arg(args, void*);
+      if (conversion == 'p') fputs("(pointer)", stderr);
+    } else if (conversion == 's') {
+      write_conversion(spec, stars, star_count, va_arg(args, const char*));
+    } else if (strchr("di", conversion)) {
+      if (ll) write_conversion(spec, stars, star_count, va_arg(args, long long));
+      else if (l) write_conversion(spec, stars, star_count, va_arg(args, long));
+      else if (*length == 'z') write_conversion(spec, stars, star_count, va_arg(args, ssize_t));
+      else if (*length == 't') write_conversion(spec, stars, star_count, va_arg(args, ptrdiff_t));
+      else if (*length == 'j') write_conversion(spec, stars, star_count, va_arg(args, intmax_t));
+      else write_conversion(spec, stars, star_count, va_arg(args, int));
+    } else if (strchr("ouxX", conversion)) {
+      if (ll) write_conversion(spec, stars, star_count, va_arg(args, unsigned long long));
+      else if (l) write_conversion(spec, stars, star_count, va_arg(args, unsigned long));
+      else if (*length == 'z') write_conversion(spec, stars, star_count, va_arg(args, size_t));
+      else if (*length == 't') write_conversion(spec, stars, star_count, va_arg(args, ptrdiff_t));
+      else if (*length == 'j') write_conversion(spec, stars, star_count, va_arg(args, uintmax_t));
+      else write_conversion(spec, stars, star_count, va_arg(args, unsigned));
+    } else if (strchr("eEfFgGaA", conversion)) {
+      if (*length == 'L') write_conversion(spec, stars, star_count, va_arg(args, long double));
+      else write_conversion(spec, stars, star_count, va_arg(args, double));
+    } else if (conversion == 'c') {
+      write_conversion(spec, stars, star_count, va_arg(args, int));
+    } else {
+      return;  // a conversion no message uses: stop rather than guess its argument
+    }
+  }
 }
 }  // namespace
 
 int morv_log(const char* /*source_file*/, int line, const char* function_name, const char* level,
              const char* format, ...) {
   if (g_line_start) fprintf(stderr, "[%s: %s, line %d] ", level, function_name, line);
-  char rewritten[1024];
-  const pointer_rewrite rewrite = hide_pointers(format, rewritten, sizeof rewritten);
-  if (rewrite == pointer_rewrite::too_long) {
-    fputs(format, stderr);  // unexpanded, so that no address can appear
+  va_list args;
+  va_start(args, format);
+  if (has_pointer_conversion(format)) {
+    write_hiding_pointers(format, args);
   } else {
-    va_list args;
-    va_start(args, format);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    vfprintf(stderr, rewrite == pointer_rewrite::done ? rewritten : format, args);
+    vfprintf(stderr, format, args);
 #pragma GCC diagnostic pop
-    va_end(args);
   }
+  va_end(args);
   const size_t length = strlen(format);
   g_line_start = (length > 0 && format[length - 1] == '\n') ? 1 : 0;
   return static_cast<int>(length);
