@@ -101,6 +101,7 @@ morv_err morv_bitmap_create(uint8_t* volume_header, morv_device* device, morv_ex
     return err;
   }
   priv.get()->fork = fork;
+  priv.get()->volume_header = volume_header;
   bitmap.get()->priv = priv.release();
   *out = bitmap.release();
   return MORV_OK;
@@ -279,6 +280,22 @@ template <typename Visit>
   return result;
 }
 
+// The extents in use of a record end, counted in 64 bits, at or before
+// totalBlocks: a start and count whose 32-bit sum wraps would otherwise free
+// blocks 0, 1, ... and leave the undo of a failed free unable to mark them.
+[[nodiscard]] morv_err check_record_inside(const uint8_t* record, const morv_bitmap* bitmap) {
+  const uint32_t total = load_be32(bitmap->priv->volume_header + vh::kTotalBlocks);
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord && extent_blocks(record, i) != 0; ++i) {
+    const uint64_t end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
+    if (end > total) {
+      MORV_ERROR("Extent of blocks %lu to %llu lies beyond the volume's %lu allocation blocks.\n",
+                 morv_ul(extent_start(record, i)), morv_ull(end - 1), morv_ul(total));
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  return MORV_OK;
+}
+
 }  // namespace
 
 morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_block, uint32_t count,
@@ -288,6 +305,7 @@ morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_blo
     return MORV_ERR_INVALID_ARGUMENT;
   }
   const uint8_t* record = fork_data + forkdata::kExtents;
+  if (morv_err err = check_record_inside(record, bitmap)) return err;
   uint64_t freed = 0;
   morv_err err = for_each_block(record, first_block, count, UINT64_MAX, &freed, [&](uint64_t b) {
     morv_err e = FreeAllocationBlock(static_cast<uint32_t>(b), bitmap);

@@ -21,6 +21,7 @@ struct morv_volume;
 
 struct morv_bitmap_private {
   morv_fork* fork;
+  const uint8_t* volume_header;  // the in-memory header: totalBlocks bounds every block
 };
 
 struct morv_bitmap {

@@ -271,12 +271,36 @@ namespace {
   return MORV_OK;
 }
 
+// Every extent lies inside the volume: its end, counted in 64 bits, is at
+// most totalBlocks. An extent whose 32-bit end wraps past block 2^32 - 1
+// would otherwise name blocks 0, 1, ... (the volume header, the bitmap) to
+// whoever frees or writes it.
+[[nodiscard]] morv_err check_extents_inside(const uint8_t* list, size_t count, uint32_t cnid,
+                                            uint32_t volume_blocks) {
+  for (size_t i = 0; i < count; ++i) {
+    const uint8_t* e = list + i * forkdata::kExtentSize;
+    const uint64_t end = uint64_t{extent_start(e)} + extent_blocks(e);
+    if (extent_blocks(e) != 0 && end > volume_blocks) {
+      MORV_ERROR("Extent %zu of CNID %lu (blocks %lu to %llu) lies beyond the volume's %lu "
+                 "allocation blocks.\n",
+                 i, morv_ul(cnid), morv_ul(extent_start(e)), morv_ull(end - 1),
+                 morv_ul(volume_blocks));
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  return MORV_OK;
+}
+
 }  // namespace
 
 morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partial,
                           const uint8_t* volume_header, uint32_t cnid, uint8_t* fork_data,
                           uint32_t min_sector_size, morv_fork** out_fork) {
   if (morv_err err = check_fork_size(device, volume_header, cnid, fork_data)) return err;
+  const uint32_t volume_blocks = load_be32(volume_header + vh::kTotalBlocks);
+  if (morv_err err = check_extents_inside(fork_data + forkdata::kExtents,
+                                          forkdata::kExtentsPerRecord, cnid, volume_blocks))
+    return err;
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t sector_size =
       device->sector_size > min_sector_size ? device->sector_size : min_sector_size;
@@ -295,6 +319,12 @@ morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partia
   fork.get()->logical_size = &priv->logical_size;
   fork.get()->block_size = block_size;
   fork.get()->priv = priv;
+  // The overflow records' extents, read only now, meet the same bound.
+  if (morv_err err = check_extents_inside(priv->extents, priv->extents_count, cnid, volume_blocks)) {
+    morv_fork* doomed = fork.release();
+    morv_fork_destroy(&doomed);
+    return err;
+  }
   *out_fork = fork.release();
   return MORV_OK;
 }

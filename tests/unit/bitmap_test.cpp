@@ -85,6 +85,20 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   EXPECT_EQ(freed, 1u);
   morv_volume_increment_free_blocks(v.volume, 5);
   EXPECT_EQ(v.check(), "");
+
+  // An extent whose end passes block 2^32 - 1: fork blocks 2-5 would be
+  // blocks 0-3 once truncated (the header and the bitmap itself). Refused
+  // before any bit changes, and such a startup file is never opened.
+  const auto wraps = fork_data({{0xFFFFFFFEu, 6}});
+  EXPECT_LOGGED(FreeExtentAllocationBlocks(wraps.data(), 2, 4, v.volume->bitmap, &freed), MORV_ERR_CORRUPT,
+                "lies beyond the volume's 256 allocation blocks");
+  EXPECT_EQ(v.bitmap_byte(0), 0xFF);
+  std::copy(wraps.begin(), wraps.end(), startup(v.volume));
+  morv_fork* fork = nullptr;
+  EXPECT_LOGGED(morv_fork_create(v.device, v.volume->extents, 0, v.volume->header, kStartupFileCnid,
+                                 startup(v.volume), 0, &fork),
+                MORV_ERR_CORRUPT, "lies beyond the volume's 256 allocation blocks");
+  EXPECT_EQ(fork, nullptr);
 }
 
 TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
