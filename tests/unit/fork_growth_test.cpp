@@ -195,4 +195,21 @@ TEST(ForkGrowth, InjectedFailuresLeaveTheVolumeAsItWas) {
   });
   v.flush();
   EXPECT_EQ(v.bytes(), before);
+
+  // The alternate header disagrees with the primary (one of them damaged):
+  // a growth taken back changes no fork data, so a flush leaves the
+  // alternate alone instead of copying the primary's records over it.
+  const uint64_t alternate = 256 * 4096 - 1024 + vh::kAttributesFile + forkdata::kClumpSize;
+  ASSERT_EQ(pwrite(v.fd, "\x7f", 1, static_cast<off_t>(alternate)), 1);
+  v.reopen();
+  const auto damaged = v.bytes();
+  with_startup(v.volume, [&](morv_fork* f) {
+    morv_fork_growth growth{};
+    uint32_t added = 0;
+    EXPECT_EQ(morv_fork_expand_recorded(f, v.volume, &added, &growth), MORV_OK);
+    EXPECT_EQ(morv_fork_undo_growth(f, v.volume, &growth), MORV_OK);
+    return MORV_OK;
+  });
+  v.flush();
+  EXPECT_EQ(v.bytes(), damaged);
 }
