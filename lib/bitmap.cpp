@@ -368,52 +368,38 @@ class bit_reader {
   bitmap_mapping m_;
 };
 
-// Offset of the first allocated block of [cur, cur + wanted), or `wanted`.
-[[nodiscard]] morv_err first_allocated(bit_reader* bits, uint64_t cur, uint64_t wanted,
-                                       uint64_t* out) {
-  for (uint64_t i = 0; i < wanted; ++i) {
+// First fit over blocks [from, to): the first run of `wanted` free blocks
+// that starts before `last_start`, each block read once. *found is false
+// when there is none.
+[[nodiscard]] morv_err first_fit(bit_reader* bits, uint64_t from, uint64_t to,
+                                 uint64_t last_start, uint64_t wanted, uint64_t* start,
+                                 bool* found) {
+  uint64_t run = 0;
+  for (uint64_t b = from; b < to; ++b) {
     bool set = false;
-    if (morv_err err = bits->allocated(cur + i, &set)) return err;
-    if (set) {
-      *out = i;
+    if (morv_err err = bits->allocated(b, &set)) return err;
+    run = set ? 0 : run + 1;
+    if (run == wanted) {
+      *start = b + 1 - wanted;
+      *found = *start < last_start;
       return MORV_OK;
     }
-  }
-  *out = wanted;
-  return MORV_OK;
-}
-
-// The scan of FindContiguousUnallocated; *found is false when the search
-// came back to the hint without a run.
-[[nodiscard]] morv_err scan_for_run(bit_reader* bits, uint64_t total, uint64_t hint,
-                                    uint64_t wanted, uint64_t* start, bool* found) {
-  uint64_t cur = hint;
-  bool wrapped = false;
-  for (;;) {
-    if (wrapped && cur >= hint) break;  // back where the search began
-    if (cur + wanted > total) {         // the run would pass the last block
-      if (wrapped) break;
-      cur = 0;
-      wrapped = true;
-      continue;
-    }
-    uint64_t i = 0;
-    if (morv_err err = first_allocated(bits, cur, wanted, &i)) return err;
-    if (i == wanted) {
-      *start = cur;
-      *found = true;
-      return MORV_OK;
-    }
-    // Candidates after an allocated block start on a byte boundary.
-    cur = (cur + (i ? i : 1) + 7) / kBitsPerByte * kBitsPerByte;
-    if (cur >= total) {
-      if (wrapped) break;
-      cur = 0;
-      wrapped = true;
-    }
+    if (run == 0 && b + 1 >= last_start) break;  // no run can start in time any more
   }
   *found = false;
   return MORV_OK;
+}
+
+// The scan of FindContiguousUnallocated: candidates start at the hint, then
+// at every later block whose run fits before totalBlocks, then from block 0
+// up to the hint. A run never passes the last block.
+[[nodiscard]] morv_err scan_for_run(bit_reader* bits, uint64_t total, uint64_t hint,
+                                    uint64_t wanted, uint64_t* start, bool* found) {
+  *found = false;
+  if (morv_err err = first_fit(bits, hint, total, total, wanted, start, found)) return err;
+  if (*found || hint == 0) return MORV_OK;
+  const uint64_t to = hint + wanted - 1 < total ? hint + wanted - 1 : total;
+  return first_fit(bits, 0, to, hint, wanted, start, found);
 }
 
 }  // namespace
