@@ -816,6 +816,12 @@ morv_err rename_record(morv_catalog* catalog, morv_catalog_record_locator** loca
 morv_err morv_catalog_rename_record(morv_catalog* catalog, morv_catalog_record_locator** locator_pointer,
                                     uint32_t new_parent, const uint16_t* new_name,
                                     size_t new_name_length) {
+  // Only a thread record's key has an empty name: a record renamed to one
+  // would take the key of its new parent's thread.
+  if (new_name_length == 0 || !new_name) {
+    MORV_ERROR("Invalid parameter: A catalog record cannot be renamed to an empty name.\n");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   morv_btree* tree = catalog->priv->tree;
   if (morv_err err = morv_btree_transaction_begin(tree)) return err;
   return morv_btree_transaction_end(

@@ -879,6 +879,7 @@ namespace {
 morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, size_t length,
                          size_t* bytes_written) {
   if (bytes_written) *bytes_written = 0;
+  if (length == 0) return MORV_OK;  // nothing to copy, read or mark, wherever it is
   morv_fork_private* priv = fork->priv;
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / priv->cache_item_size;

@@ -379,6 +379,10 @@ morv_err morv_volume_set_label(morv_volume* volume, const uint16_t* label, size_
     MORV_ERROR("Label length (%zu) too large.\n", count);
     return MORV_ERR_INVALID_ARGUMENT;
   }
+  if (count == 0 || !label) {
+    MORV_ERROR("Label length (0) too small: a volume name holds at least one character.\n");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   morv_catalog_search_result root;
   morv_catalog_search_result_init(&root);
   morv_err err = morv_catalog_search_by_cnid(volume->catalog, kRootFolderCnid, 1, &root);

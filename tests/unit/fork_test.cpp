@@ -224,8 +224,17 @@ TEST(ForkWrite, FillAndBounds) {
   std::fill_n(img.disk.begin() + 8 * 512 + 100, 3, 0x77);
   std::fill_n(img.disk.begin() + 8 * 512 + 1000, 5000, 0xA5);
   EXPECT_EQ(img.file.read_all(), img.disk);
-  uint8_t byte = 0;
+  // An empty write, even without a buffer or at the fork's end, does nothing.
+  morv_seam_reset_stats();
   size_t written = 9;
+  EXPECT_EQ(morv_fork_write(img.fork, 0, nullptr, 0, &written), MORV_OK);
+  EXPECT_EQ(morv_fork_write(img.fork, 40 * 512, nullptr, 0, &written), MORV_OK);
+  EXPECT_EQ(written, 0u);
+  ASSERT_EQ(morv_fork_flush(img.fork), MORV_OK);
+  const morv_seam_stats stats = morv_seam_get_stats();
+  EXPECT_EQ(stats.allocs + stats.reads + stats.writes, 0u);
+  uint8_t byte = 0;
+  written = 9;
   EXPECT_LOGGED(morv_fork_fill(img.fork, 40 * 512 - 10, 11, 0, &filled), MORV_ERR_INVALID_ARGUMENT,
                 "Attempted to fill outside allocated fork size! Offset: 20470, Length: 11, fork data size: 20480\n");
   EXPECT_LOGGED(morv_fork_write(img.fork, 40 * 512, &byte, 1, &written), MORV_ERR_INVALID_ARGUMENT,
