@@ -1365,6 +1365,7 @@ class deletion {
   [[nodiscard]] morv_err plan_item(morv_catalog_record_locator* locator, bool warn, doomed* d);
   [[nodiscard]] morv_err plan_parent(doomed* d, bool warn);
   [[nodiscard]] morv_err plan_link(const doomed& link);
+  [[nodiscard]] morv_err refuse_linked_indirect_node(const doomed& d);
   [[nodiscard]] morv_err apply();
   [[nodiscard]] morv_err remove(const doomed& d);
   [[nodiscard]] morv_err lower_link_count();
@@ -1405,6 +1406,8 @@ morv_err deletion::plan(morv_catalog_record_locator* locator) {
     }
   }
   if (morv_err err = plan_item(locator, true, &d)) return err;
+  if (d.type == catalog::kFileRecord)
+    if (morv_err err = refuse_linked_indirect_node(d)) return err;
   item_count_ = 1;
   return is_hard_link(d.record, sizeof d.record) ? plan_link(d) : MORV_OK;
 }
@@ -1461,6 +1464,30 @@ morv_err deletion::plan_parent(doomed* d, bool warn) {
   }
   d->parent = d->found_parent.locator;
   return MORV_OK;
+}
+
+// An indirect node file ("iNode<n>" in the private folder) holds the data of
+// its hard links: while its link count (permissions.special) is above zero
+// the links still name it, and deleting it alone would leave them dangling.
+// It goes with its last link instead.
+morv_err deletion::refuse_linked_indirect_node(const doomed& d) {
+  const morv_btree_record_locator* r = d.locator->btree_locator;
+  const size_t prefix = sizeof kIndirectNodePrefix - 1;
+  if (r->key_size < catalog::kKeyName + 2 * prefix ||
+      load_be16(r->key + catalog::kKeyNameLength) <= prefix)
+    return MORV_OK;
+  for (size_t i = 0; i < prefix; ++i)
+    if (load_be16(r->key + catalog::kKeyName + 2 * i) != static_cast<uint8_t>(kIndirectNodePrefix[i]))
+      return MORV_OK;
+  const uint32_t links = load_be32(d.record + catalog::kFileSpecial);
+  if (links == 0) return MORV_OK;
+  uint32_t folder = 0;
+  if (morv_err err = find_private_folder(catalog_, &folder)) return err;
+  if (folder == 0 || load_be32(r->key + catalog::kKeyParentId) != folder) return MORV_OK;
+  MORV_ERROR("Invalid parameter: Indirect node file %lu is still named by %lu hard links; it goes "
+             "with the last of them.\n",
+             morv_ul(d.cnid), morv_ul(links));
+  return MORV_ERR_INVALID_ARGUMENT;
 }
 
 // A hard link lowers its indirect node file's link count, and the last

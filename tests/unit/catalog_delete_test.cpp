@@ -233,6 +233,12 @@ TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
       return node.get() ? load_be32(node.data() + catalog::kFileSpecial) : 0u;
     };
     EXPECT_EQ(follow(21), 16u) << number;
+    // The file alone would leave its links dangling.
+    const auto image = v.bytes();
+    EXPECT_LOGGED(delete_record(v.volume, 16u), MORV_ERR_INVALID_ARGUMENT,
+                  "Indirect node file 16 is still named by 3 hard links");
+    v.flush();
+    EXPECT_EQ(v.bytes(), image);
     const uint32_t free_before = v.free_blocks(), files = v.files();
     testing::internal::CaptureStderr();
     ASSERT_EQ(delete_record(v.volume, 20u), MORV_OK);
