@@ -10,10 +10,14 @@
 
 #include <cstring>
 
-#include "extents.hpp"
 #include "fork.hpp"
 #include "support_unix.hpp"
 #include "volume.hpp"
+
+struct morv_bitmap_private {
+  morv_fork* fork;
+  const uint8_t* volume_header;  // the in-memory header: totalBlocks bounds every block
+};
 
 namespace {
 constexpr const char* kLogSource = "bitmap";
@@ -115,6 +119,8 @@ void morv_bitmap_destroy(morv_bitmap** bitmap) {
 }
 
 morv_err morv_bitmap_flush(morv_bitmap* bitmap) { return morv_fork_flush(bitmap->priv->fork); }
+
+morv_fork* morv_bitmap_fork(const morv_bitmap* bitmap) { return bitmap->priv->fork; }
 
 // ---- Freeing and allocating ----
 
@@ -416,7 +422,7 @@ morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_
   morv_write_location location{};
   if (wanted != 0 && wanted <= total) {
     morv_fork* fork = fork_of(volume->bitmap);
-    bit_reader bits(fork, fork->priv->sector_size);
+    bit_reader bits(fork, morv_fork_sector_size(fork));
     uint64_t start = 0;
     bool found = false;
     morv_err err = scan_for_run(&bits, total, hint, wanted, &start, &found);
@@ -427,177 +433,6 @@ morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_
       location.block_count = wanted;
     }
   }
-  *out = location;
-  return MORV_OK;
-}
-
-namespace {
-
-// Walks all extents of a fork: *out_count extents, the last ending at
-// allocation block *out_end (0 for a fork without blocks).
-[[nodiscard]] morv_err walk_fork_extents(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                                         morv_extents* extents, uint32_t* out_count,
-                                         uint64_t* out_end) {
-  const uint32_t total = load_be32(fork_data + forkdata::kTotalBlocks);
-  uint8_t record[forkdata::kExtentRecordSize];
-  memcpy(record, fork_data + forkdata::kExtents, sizeof record);
-  uint64_t seen = 0;
-  uint32_t count = 0;
-  uint64_t end = 0;
-  while (seen < total) {
-    for (size_t i = 0; i < forkdata::kExtentsPerRecord && seen < total; ++i, ++count) {
-      if (extent_blocks(record, i) == 0) {
-        MORV_ERROR("Encountered zero block count in extent.\n");
-        return MORV_ERR_CORRUPT;
-      }
-      seen += extent_blocks(record, i);
-      end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
-      if (seen > total) {
-        MORV_ERROR("Inconsistent extent record: Found more blocks than the number of allocated "
-                   "blocks (%llu > %lu).\n",
-                   morv_ull(seen), morv_ul(total));
-        return MORV_ERR_CORRUPT;
-      }
-    }
-    if (seen == total) break;
-    if (!extents) {
-      MORV_ERROR("List of extents ends before all blocks have been accounted for. Missing %lu "
-                 "blocks.\n",
-                 morv_ul(static_cast<uint32_t>(total - seen)));
-      return MORV_ERR_CORRUPT;
-    }
-    int found = 0;
-    if (morv_err err = morv_extents_get_next_extent_record(
-            extents, fork_type, cnid, static_cast<uint32_t>(seen), &found, record)) {
-      MORV_ERROR("Error while looking up next extent record.\n");
-      return err;
-    }
-    if (!found) {
-      MORV_ERROR("Could not find next extent record.\n");
-      return MORV_ERR_CORRUPT;
-    }
-  }
-  *out_count = count;
-  *out_end = end;
-  return MORV_OK;
-}
-
-}  // namespace
-
-morv_err FindWriteLocation(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                           morv_volume* volume, uint64_t /*logical_size*/, uint32_t clump_size,
-                           morv_write_location* out) {
-  if (!fork_data || !volume || !volume->bitmap || !out) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t block_size = header_field(volume, vh::kBlockSize);
-  const uint32_t wanted =
-      static_cast<uint32_t>((uint64_t{clump_size} + block_size - 1) / block_size);
-  uint32_t count = 0;
-  uint64_t end = 0;
-  if (morv_err err = walk_fork_extents(cnid, fork_type, fork_data, volume->extents, &count, &end))
-    return err;
-  // An end past 32 bits never matches a start block, and a hint past the
-  // volume is clamped by the search.
-  const uint32_t hint = end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end);
-  morv_write_location location{};
-  if (morv_err err = FindContiguousUnallocated(volume, wanted, hint, &location)) {
-    MORV_ERROR("Error while searching the bitmap for a free region of %lu.\n", morv_ul(wanted));
-    return err;
-  }
-  const bool continues = count == 0 || (location.block_count != 0 && location.start_block == end);
-  location.extent_index = continues ? (count ? count - 1 : 0) : count;
-  *out = location;
-  return MORV_OK;
-}
-
-namespace {
-
-// The fork-data extent that a write of [offset, offset + length) reaches:
-// *fits when the extents already cover it; else *index is the last extent in
-// use (0 for an empty fork), or 8 when all eight are in use.
-void reach_of_write(const uint8_t* record, uint32_t block_size, uint64_t offset, uint64_t length,
-                    size_t* index, bool* fits) {
-  uint64_t covered = 0;
-  *fits = false;
-  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i) {
-    if (extent_start(record, i) == 0 && extent_blocks(record, i) == 0) {
-      *index = i ? i - 1 : 0;
-      return;
-    }
-    covered += uint64_t{extent_blocks(record, i)} * block_size;
-    *index = i;
-    if (offset + length <= covered) {
-      *fits = true;
-      return;
-    }
-  }
-  *index = forkdata::kExtentsPerRecord;
-}
-
-}  // namespace
-
-morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset, uint32_t length,
-                     morv_write_location* out) {
-  if (!fork_data || !volume || !out) {
-    MORV_ERROR("HFSPlus:ERROR: [%s] Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t block_size = header_field(volume, vh::kBlockSize);
-  const uint32_t needed = static_cast<uint32_t>((uint64_t{length} + block_size - 1) / block_size);
-  uint8_t* record = fork_data + forkdata::kExtents;
-  size_t index = 0;
-  bool fits = false;
-  reach_of_write(record, block_size, offset, length, &index, &fits);
-  if (index == forkdata::kExtentsPerRecord) {
-    MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
-    return MORV_ERR_EXTENT_LIMIT;
-  }
-  morv_write_location location{};
-  location.extent_index = static_cast<uint32_t>(index);
-  if (fits || needed == 0) {  // an empty write needs no block either
-    *out = location;
-    return MORV_OK;
-  }
-  uint8_t* e = record + index * forkdata::kExtentSize;
-  const bool empty = extent_blocks(record, index) == 0;
-  const uint64_t end = uint64_t{extent_start(record, index)} + extent_blocks(record, index);
-  const uint32_t hint = empty ? 0 : (end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end));
-  if (morv_err err = FindContiguousUnallocated(volume, needed, hint, &location)) {
-    MORV_ERROR("Error while looking up unallocated region.\n");
-    return err;
-  }
-  // Nothing found is a failure here: there is no run to record.
-  if (location.block_count == 0 || location.start_block == 0) {
-    MORV_ERROR("No free run of %lu blocks found in the allocation file.\n", morv_ul(needed));
-    return MORV_ERR_UNSUPPORTED;
-  }
-  const bool continues = !empty && location.start_block == end;
-  if (!empty && !continues) {
-    if (++index == forkdata::kExtentsPerRecord) {
-      MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
-      return MORV_ERR_EXTENT_LIMIT;
-    }
-    e = record + index * forkdata::kExtentSize;
-  }
-  if (morv_err err = AllocateExtentAllocationBlocks(location.start_block, needed, volume)) {
-    MORV_ERROR("Error while marking %lu blocks starting at block %lu as allocated in the "
-               "allocation file.\n",
-               morv_ul(needed), morv_ul(location.start_block));
-    return err;
-  }
-  if (continues) {
-    store_be32(e + forkdata::kExtentBlockCount, extent_blocks(record, index) + needed);
-  } else {
-    store_be32(e + forkdata::kExtentStartBlock, location.start_block);
-    store_be32(e + forkdata::kExtentBlockCount, needed);
-  }
-  store_be32(fork_data + forkdata::kTotalBlocks,
-             load_be32(fork_data + forkdata::kTotalBlocks) + needed);
-  location.extent_index = static_cast<uint32_t>(index);
-  location.requested_length = length;
-  location.requested_length_copy = length;
   *out = location;
   return MORV_OK;
 }

@@ -19,10 +19,7 @@ struct morv_extents;
 struct morv_fork;
 struct morv_volume;
 
-struct morv_bitmap_private {
-  morv_fork* fork;
-  const uint8_t* volume_header;  // the in-memory header: totalBlocks bounds every block
-};
+struct morv_bitmap_private;
 
 struct morv_bitmap {
   morv_bitmap_private* priv;
@@ -51,6 +48,8 @@ struct morv_write_location {
 void morv_bitmap_destroy(morv_bitmap** bitmap);
 // Writes the allocation file's modified cache blocks back.
 [[nodiscard]] morv_err morv_bitmap_flush(morv_bitmap* bitmap);
+// The allocation file's fork (owned by the bitmap).
+morv_fork* morv_bitmap_fork(const morv_bitmap* bitmap);
 
 // Clears the bit of `block`. MORV_ERR_GENERIC (nothing written) when it was
 // already clear. freeBlocks is the caller's to raise.
@@ -79,21 +78,6 @@ void morv_bitmap_destroy(morv_bitmap** bitmap);
 // count of 0.
 [[nodiscard]] morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted,
                                                  uint32_t hint, morv_write_location* out);
-// Where the next ceil(clump_size / blockSize) blocks of a fork go: a free run
-// searched from the end of its last extent (the fork data's, then the
-// extents overflow records of `cnid` and `fork_type`). Nothing is changed.
-[[nodiscard]] morv_err FindWriteLocation(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                                         morv_volume* volume, uint64_t logical_size,
-                                         uint32_t clump_size, morv_write_location* out);
-// Prepares the fork data (eight extents only) for a write of `length` bytes
-// at `offset`: when the extents do not reach offset + length it allocates
-// ceil(length / blockSize) blocks and records them in the fork data
-// (extents and totalBlocks; logicalSize is the writer's). MORV_ERR_EXTENT_LIMIT
-// when the run would need a ninth extent, MORV_ERR_UNSUPPORTED when no free
-// run is found; nothing changes on failure.
-[[nodiscard]] morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset,
-                                   uint32_t length, morv_write_location* out);
-
 // Undoes a successful AllocateExtentAllocationBlocks of the same run: clears
 // the bits, raises freeBlocks by count and puts nextAllocation back to
 // `next_allocation`. It touches only cache sectors that the allocation

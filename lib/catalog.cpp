@@ -11,13 +11,21 @@
 #include <cstdio>
 #include <cstring>
 
+#include "allocation.hpp"
 #include "bitmap.hpp"
 #include "btree.hpp"
 #include "device_unix.hpp"
 #include "extents.hpp"
+#include "fork.hpp"
 #include "support_unix.hpp"
 #include "unicode.hpp"
 #include "volume.hpp"
+
+struct morv_catalog_private {
+  morv_btree* tree;
+  morv_catalog_record_locator* open_locators;  // head of the list, null when none
+  morv_rwlock* open_locators_lock;
+};
 
 namespace {
 constexpr const char* kLogSource = "catalog";
@@ -161,6 +169,16 @@ morv_err morv_catalog_create(morv_device* device, morv_extents* extents, uint8_t
   catalog.get()->priv = priv.release();
   *out = catalog.release();
   return MORV_OK;
+}
+
+morv_btree* morv_catalog_btree(const morv_catalog* catalog) { return catalog->priv->tree; }
+
+bool morv_catalog_has_open_locators(const morv_catalog* catalog) {
+  return catalog->priv->open_locators != nullptr;
+}
+
+morv_err morv_catalog_flush(morv_catalog* catalog) {
+  return morv_fork_flush(catalog->priv->tree->fork);
 }
 
 void morv_catalog_destroy(morv_catalog** catalog_pointer) {

@@ -52,46 +52,48 @@ void morv_fork_destroy(morv_fork** fork);
 [[nodiscard]] morv_err morv_fork_flush(morv_fork* fork);
 [[nodiscard]] morv_err morv_fork_flush_internal(morv_fork* fork, uint64_t offset, uint64_t length);
 
-// ---- Growth and shrinking (special files whose fork data is in the volume header) ----
+// ---- Resizing (the cache's side of a growth or shrink; the allocation
+// module decides where blocks go and changes the fork data) ----
 
-struct morv_volume;
-struct morv_write_location;
+struct morv_fork_cache_item;
 
-// Applies a write location to fork data (on-disk order, in place): the run
-// continues the extent at the location's index, or fills that extent when it
-// is the first empty one; totalBlocks grows by the run. logicalSize is left.
-[[nodiscard]] morv_err UpdateForkExtents(uint8_t* fork_data, const morv_write_location* location);
+// The file that owns the fork, and its fork data (on-disk order, by
+// reference: normally inside the in-memory volume header).
+uint32_t morv_fork_cnid(const morv_fork* fork);
+uint8_t* morv_fork_data(const morv_fork* fork);
+// Cache slots (one per 1 MiB of the logical size), and the slots holding
+// writes not yet flushed.
+size_t morv_fork_cache_slots(const morv_fork* fork);
+// The fork's I/O unit in bytes.
+uint32_t morv_fork_sector_size(const morv_fork* fork);
+size_t morv_fork_dirty_items(const morv_fork* fork);
 
-// Grows the fork by clumpSize / blockSize blocks from the allocation bitmap:
-// the fork data (extents, totalBlocks, logicalSize), the volume header's copy
-// of it, the bitmap, freeBlocks and the cache change together or not at all.
-// Refused while the fork holds unflushed writes.
-[[nodiscard]] morv_err morv_fork_expand(morv_fork* fork, morv_volume* volume,
-                                        uint32_t* out_blocks_added);
-// Cuts the last `blocks_to_remove` blocks off the fork and frees them; the
-// cut part's modified sectors are written first and its cache dropped.
-[[nodiscard]] morv_err morv_fork_shrink(morv_fork* fork, morv_volume* volume,
-                                        uint32_t blocks_to_remove);
+// A resize holds the fork's items lock for writing from start to end: no
+// read, write or flush of the fork runs meanwhile.
+[[nodiscard]] morv_err morv_fork_lock_resize(morv_fork* fork);
+// Releases the lock; an unlock failure becomes the result only after success.
+[[nodiscard]] morv_err morv_fork_unlock_resize(morv_fork* fork, morv_err result);
 
-// What one growth changed, for taking it back.
-struct morv_fork_growth {
-  uint8_t saved_fork_data[forkdata::kSize];
-  uint32_t saved_next_allocation;
-  uint32_t start_block;
-  uint32_t blocks;  // 0: nothing to take back
-  uint64_t old_logical_size;
-  size_t old_items_length;
+// The arrays of a fork of `logical_size` bytes, allocated before anything
+// changes so that installing them cannot fail.
+struct morv_fork_resize {
+  morv_fork_cache_item** items;
+  size_t items_length;
+  uint8_t* extents;  // room for the eight extents of a fork data
+  uint64_t logical_size;
 };
-// morv_fork_expand that also records how to take the growth back.
-[[nodiscard]] morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
-                                                 uint32_t* out_blocks_added,
-                                                 morv_fork_growth* growth);
-// Takes a recorded growth back whole, the last change to the fork first: the
-// cache past the old end is dropped (nothing reaches the device), and the
-// fork data, bitmap bits, freeBlocks and nextAllocation are as before. It
-// allocates nothing and transfers nothing.
-[[nodiscard]] morv_err morv_fork_undo_growth(morv_fork* fork, morv_volume* volume,
-                                             const morv_fork_growth* growth);
+[[nodiscard]] morv_err morv_fork_prepare_resize(const morv_fork* fork, uint64_t logical_size,
+                                                morv_fork_resize* out);
+void morv_fork_cancel_resize(morv_fork_resize* resize);
+// Installs a prepared resize: the cache past the new end is dropped (nothing
+// reaches the device), and the extents become those of `fork_data`, which
+// must hold the whole fork in its eight extents.
+void morv_fork_commit_resize(morv_fork* fork, morv_fork_resize* resize, const uint8_t* fork_data);
+// Takes a committed growth back without allocating: the cache past
+// `logical_size` is dropped, `slots` slots stay in use, and the extents
+// become those of `fork_data`.
+void morv_fork_restore_size(morv_fork* fork, uint64_t logical_size, size_t slots,
+                            const uint8_t* fork_data);
 
 // ---- Internals shared by the fork operations (and their tests) ----
 

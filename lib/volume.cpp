@@ -160,6 +160,14 @@ morv_err morv_volume_flush(morv_volume* volume) {
   return MORV_OK;
 }
 
+morv_err morv_volume_flush_all(morv_volume* volume) {
+  if (volume->bitmap)
+    if (morv_err err = morv_bitmap_flush(volume->bitmap)) return err;
+  if (morv_err err = morv_extents_flush(volume->extents)) return err;
+  if (morv_err err = morv_catalog_flush(volume->catalog)) return err;
+  return morv_volume_flush(volume);
+}
+
 namespace {
 void add_to_field(morv_volume* volume, size_t offset, uint32_t delta) {
   uint8_t* field = volume->header + offset;

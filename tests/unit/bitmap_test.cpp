@@ -40,7 +40,7 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   v.flush();
   // A block already free: 1, and nothing is written.
   EXPECT_EQ(FreeAllocationBlock(39, bitmap), MORV_ERR_GENERIC);
-  EXPECT_EQ(bitmap->priv->fork->priv->dirty_items, 0u);
+  EXPECT_EQ(morv_fork_dirty_items(morv_bitmap_fork(bitmap)), 0u);
   EXPECT_EQ(v.check(), "");
 
   EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {

@@ -268,7 +268,7 @@ TEST(CatalogDelete, EveryFailureLeavesTheImageAsItWasAndLeaksNothing) {
   auto run = [&](auto op) {
     const uint64_t failures = alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
       const morv_err err = op(vol);
-      EXPECT_EQ(vol->catalog->priv->open_locators, nullptr);
+      EXPECT_FALSE(morv_catalog_has_open_locators(vol->catalog));
       return err;
     });
     EXPECT_GT(failures, 0u);
@@ -307,7 +307,7 @@ TEST(CatalogDelete, DeletingEverythingInRandomOrderEndsAsAFreshEmptyVolume) {
     EXPECT_EQ(field(v.volume, offset), field(fresh.volume, offset)) << offset;
   const uint32_t bytes = (field(v.volume, vh::kTotalBlocks) + 7) / 8;
   std::vector<uint8_t> ours(bytes), theirs(bytes);
-  ASSERT_EQ(morv_fork_read(v.volume->bitmap->priv->fork, 0, ours.data(), bytes, nullptr), MORV_OK);
-  ASSERT_EQ(morv_fork_read(fresh.volume->bitmap->priv->fork, 0, theirs.data(), bytes, nullptr), MORV_OK);
+  ASSERT_EQ(morv_fork_read(morv_bitmap_fork(v.volume->bitmap), 0, ours.data(), bytes, nullptr), MORV_OK);
+  ASSERT_EQ(morv_fork_read(morv_bitmap_fork(fresh.volume->bitmap), 0, theirs.data(), bytes, nullptr), MORV_OK);
   EXPECT_EQ(ours, theirs);
 }

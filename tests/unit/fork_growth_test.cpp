@@ -118,7 +118,7 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
                 "Invalid CNID for morv_fork_shrink (5).");
   morv_fork_destroy(&other);
   // The bitmap's own fork would write through itself while growing.
-  unchanged(v.volume->bitmap->priv->fork, MORV_ERR_INTERNAL, "serves as the volume's bitmap");
+  unchanged(morv_bitmap_fork(v.volume->bitmap), MORV_ERR_INTERNAL, "serves as the volume's bitmap");
   // Eight extents in use (inside the extents file, so the run cannot
   // continue the last): no ninth.
   const auto eight_fd = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
@@ -189,7 +189,7 @@ TEST(ForkGrowth, InjectedFailuresLeaveTheVolumeAsItWas) {
     EXPECT_EQ(morv_fork_expand_recorded(f, v.volume, &added, &growth), MORV_OK);
     EXPECT_EQ(morv_fork_write(f, 4096, "new", 3, nullptr), MORV_OK);
     EXPECT_EQ(morv_fork_undo_growth(f, v.volume, &growth), MORV_OK);
-    EXPECT_EQ(f->priv->dirty_items, 0u);
+    EXPECT_EQ(morv_fork_dirty_items(f), 0u);
     EXPECT_EQ(*f->logical_size, 4096u);
     return MORV_OK;
   });
