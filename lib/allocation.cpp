@@ -41,6 +41,49 @@ size_t extents_in_use(const uint8_t* fork_data) {
 
 }  // namespace
 
+// ---- Runs of blocks ----
+
+morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, morv_volume* volume) {
+  if (!volume || !volume->bitmap) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (morv_err err = morv_bitmap_mark_run(volume->bitmap, start_block, count)) return err;
+  morv_volume_decrement_free_blocks(volume, count);
+  if (header_field(volume, vh::kNextAllocation) == start_block)
+    morv_volume_set_next_allocation(volume, static_cast<uint32_t>(uint64_t{start_block} + count));
+  return MORV_OK;
+}
+
+morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint32_t count,
+                                 uint32_t next_allocation) {
+  const morv_err result = morv_bitmap_clear_run(volume->bitmap, start_block, count);
+  morv_volume_increment_free_blocks(volume, count);
+  morv_volume_set_next_allocation(volume, next_allocation);
+  return result;
+}
+
+morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_t hint,
+                                   morv_write_location* out) {
+  if (!volume || !volume->bitmap || !out) {
+    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  const uint32_t total = header_field(volume, vh::kTotalBlocks);
+  if (hint == 0) hint = header_field(volume, vh::kNextAllocation);
+  if (hint >= total) hint = total ? total - 1 : 0;
+  uint32_t start = 0;
+  bool found = false;
+  if (morv_err err = morv_bitmap_find_run(volume->bitmap, wanted, hint, &start, &found)) return err;
+  morv_write_location location{};
+  if (found) {
+    location.start_block = start;
+    location.block_count = wanted;
+  }
+  *out = location;
+  return MORV_OK;
+}
+
 // ---- Write locations ----
 
 namespace {

@@ -18,7 +18,48 @@
 
 struct morv_fork;
 struct morv_volume;
-struct morv_write_location;
+
+// Where a fork's next blocks go. A block count of 0 means that no free run
+// was found (or, from UpdateForks, that the write needs no new blocks).
+struct morv_write_location {
+  uint32_t start_block;
+  uint32_t requested_length;       // bytes, filled by UpdateForks, else 0
+  uint32_t requested_length_copy;  // the same again
+  uint32_t reserved;
+  // Index of the extent that takes the run, counted over the fork data's
+  // eight and then the overflow records: the last extent when the run
+  // continues it, else the next one. 8 or more cannot be stored in the
+  // fork data.
+  uint32_t extent_index;
+  uint32_t block_count;
+  uint32_t reserved2;
+  uint32_t reserved3;
+};
+
+// ---- Runs of blocks, with the volume header's accounting ----
+
+// Marks blocks [start_block, start_block + count) allocated, lowers freeBlocks
+// by count and moves nextAllocation past the run when it pointed at its
+// start. MORV_ERR_GENERIC when a block of the run is already allocated; on
+// any failure no bit stays changed.
+[[nodiscard]] morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count,
+                                                      morv_volume* volume);
+
+// Undoes a successful AllocateExtentAllocationBlocks of the same run: clears
+// the bits, raises freeBlocks by count and puts nextAllocation back to
+// `next_allocation`. It touches only cache sectors that the allocation
+// loaded, so it needs no memory and no device transfer.
+[[nodiscard]] morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block,
+                                               uint32_t count, uint32_t next_allocation);
+
+// First-fit search for `wanted` free blocks from `hint` (0: nextAllocation),
+// wrapping once around the volume. Finding nothing is success with a block
+// count of 0.
+[[nodiscard]] morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted,
+                                                 uint32_t hint, morv_write_location* out);
+
+// ---- Write locations ----
+
 
 // Where the next ceil(clump_size / blockSize) blocks of a fork go: a free run
 // searched from the end of its last extent (the fork data's, then the

@@ -12,7 +12,6 @@
 
 #include "fork.hpp"
 #include "support_unix.hpp"
-#include "volume.hpp"
 
 struct morv_bitmap_private {
   morv_fork* fork;
@@ -27,8 +26,8 @@ constexpr uint32_t kBitsPerByte = 8;
 
 uint8_t block_mask(uint64_t block) { return static_cast<uint8_t>(0x80u >> (block % kBitsPerByte)); }
 morv_fork* fork_of(const morv_bitmap* bitmap) { return bitmap->priv->fork; }
-uint32_t header_field(const morv_volume* volume, size_t offset) {
-  return load_be32(volume->header + offset);
+uint32_t total_blocks_of(const morv_bitmap* bitmap) {
+  return load_be32(bitmap->priv->volume_header + vh::kTotalBlocks);
 }
 uint32_t extent_start(const uint8_t* record, size_t i) {
   return load_be32(record + i * forkdata::kExtentSize + forkdata::kExtentStartBlock);
@@ -192,21 +191,17 @@ void roll_back_run(morv_fork* fork, uint64_t start, uint64_t end) {
 
 }  // namespace
 
-morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, morv_volume* volume) {
-  if (!volume || !volume->bitmap) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
+morv_err morv_bitmap_mark_run(morv_bitmap* bitmap, uint32_t start_block, uint32_t count) {
   const uint64_t start = start_block;
   const uint64_t end = start + count;
-  const uint32_t total_blocks = header_field(volume, vh::kTotalBlocks);
+  const uint32_t total_blocks = total_blocks_of(bitmap);
   if (end > total_blocks) {
     MORV_ERROR("Blocks %llu to %llu lie beyond the volume's %lu allocation blocks.\n",
                morv_ull(start), morv_ull(end), morv_ul(total_blocks));
     return MORV_ERR_INVALID_ARGUMENT;
   }
   if (count == 0) return MORV_OK;
-  morv_fork* fork = fork_of(volume->bitmap);
+  morv_fork* fork = fork_of(bitmap);
   bitmap_mapping m(fork);
   const uint64_t first_byte = start / kBitsPerByte;
   if (morv_err err = m.map(first_byte, static_cast<size_t>((end + 7) / kBitsPerByte - first_byte))) {
@@ -216,13 +211,7 @@ morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, mo
   }
   uint64_t handled = start;
   morv_err result = set_run(fork, m, start, end, &handled);
-  if (result) {
-    roll_back_run(fork, start, handled);
-  } else {
-    morv_volume_decrement_free_blocks(volume, count);
-    if (header_field(volume, vh::kNextAllocation) == start_block)
-      morv_volume_set_next_allocation(volume, static_cast<uint32_t>(end));
-  }
+  if (result) roll_back_run(fork, start, handled);
   if (morv_err err = m.unmap()) {
     MORV_ERROR("Error while unmapping chunk containing bits to set.\n");
     if (result == MORV_OK) result = err;
@@ -230,9 +219,8 @@ morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, mo
   return result;
 }
 
-morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint32_t count,
-                                 uint32_t next_allocation) {
-  morv_fork* fork = fork_of(volume->bitmap);
+morv_err morv_bitmap_clear_run(morv_bitmap* bitmap, uint32_t start_block, uint32_t count) {
+  morv_fork* fork = fork_of(bitmap);
   morv_err result = MORV_OK;
   for (uint64_t b = start_block; b < uint64_t{start_block} + count; ++b) {
     if (morv_err err = put_bit(fork, b, false)) {
@@ -240,8 +228,6 @@ morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint
       if (result == MORV_OK) result = err;
     }
   }
-  morv_volume_increment_free_blocks(volume, count);
-  morv_volume_set_next_allocation(volume, next_allocation);
   return result;
 }
 
@@ -290,7 +276,7 @@ template <typename Visit>
 // totalBlocks: a start and count whose 32-bit sum wraps would otherwise free
 // blocks 0, 1, ... and leave the undo of a failed free unable to mark them.
 [[nodiscard]] morv_err check_record_inside(const uint8_t* record, const morv_bitmap* bitmap) {
-  const uint32_t total = load_be32(bitmap->priv->volume_header + vh::kTotalBlocks);
+  const uint32_t total = total_blocks_of(bitmap);
   for (size_t i = 0; i < forkdata::kExtentsPerRecord && extent_blocks(record, i) != 0; ++i) {
     const uint64_t end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
     if (end > total) {
@@ -410,29 +396,19 @@ class bit_reader {
 
 }  // namespace
 
-morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_t hint,
-                                   morv_write_location* out) {
-  if (!volume || !volume->bitmap || !out) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t total = header_field(volume, vh::kTotalBlocks);
-  if (hint == 0) hint = header_field(volume, vh::kNextAllocation);
-  if (hint >= total) hint = total ? total - 1 : 0;
-  morv_write_location location{};
-  if (wanted != 0 && wanted <= total) {
-    morv_fork* fork = fork_of(volume->bitmap);
+morv_err morv_bitmap_find_run(morv_bitmap* bitmap, uint32_t wanted, uint32_t hint,
+                              uint32_t* out_start, bool* out_found) {
+  const uint32_t total = total_blocks_of(bitmap);
+  bool found = false;
+  uint64_t start = 0;
+  if (wanted != 0 && wanted <= total && hint < total) {
+    morv_fork* fork = fork_of(bitmap);
     bit_reader bits(fork, morv_fork_sector_size(fork));
-    uint64_t start = 0;
-    bool found = false;
     morv_err err = scan_for_run(&bits, total, hint, wanted, &start, &found);
     if (morv_err unmap_err = bits.finish(); !err) err = unmap_err;
     if (err) return err;
-    if (found) {
-      location.start_block = static_cast<uint32_t>(start);
-      location.block_count = wanted;
-    }
   }
-  *out = location;
+  *out_start = found ? static_cast<uint32_t>(start) : 0;
+  *out_found = found;
   return MORV_OK;
 }
