@@ -10,10 +10,13 @@
 
 #include <cstring>
 
-#include "extents.hpp"
 #include "fork.hpp"
 #include "support_unix.hpp"
-#include "volume.hpp"
+
+struct morv_bitmap_private {
+  morv_fork* fork;
+  const uint8_t* volume_header;  // the in-memory header: totalBlocks bounds every block
+};
 
 namespace {
 constexpr const char* kLogSource = "bitmap";
@@ -23,8 +26,8 @@ constexpr uint32_t kBitsPerByte = 8;
 
 uint8_t block_mask(uint64_t block) { return static_cast<uint8_t>(0x80u >> (block % kBitsPerByte)); }
 morv_fork* fork_of(const morv_bitmap* bitmap) { return bitmap->priv->fork; }
-uint32_t header_field(const morv_volume* volume, size_t offset) {
-  return load_be32(volume->header + offset);
+uint32_t total_blocks_of(const morv_bitmap* bitmap) {
+  return load_be32(bitmap->priv->volume_header + vh::kTotalBlocks);
 }
 uint32_t extent_start(const uint8_t* record, size_t i) {
   return load_be32(record + i * forkdata::kExtentSize + forkdata::kExtentStartBlock);
@@ -101,6 +104,7 @@ morv_err morv_bitmap_create(uint8_t* volume_header, morv_device* device, morv_ex
     return err;
   }
   priv.get()->fork = fork;
+  priv.get()->volume_header = volume_header;
   bitmap.get()->priv = priv.release();
   *out = bitmap.release();
   return MORV_OK;
@@ -114,6 +118,8 @@ void morv_bitmap_destroy(morv_bitmap** bitmap) {
 }
 
 morv_err morv_bitmap_flush(morv_bitmap* bitmap) { return morv_fork_flush(bitmap->priv->fork); }
+
+morv_fork* morv_bitmap_fork(const morv_bitmap* bitmap) { return bitmap->priv->fork; }
 
 // ---- Freeing and allocating ----
 
@@ -185,21 +191,17 @@ void roll_back_run(morv_fork* fork, uint64_t start, uint64_t end) {
 
 }  // namespace
 
-morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, morv_volume* volume) {
-  if (!volume || !volume->bitmap) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
+morv_err morv_bitmap_mark_run(morv_bitmap* bitmap, uint32_t start_block, uint32_t count) {
   const uint64_t start = start_block;
   const uint64_t end = start + count;
-  const uint32_t total_blocks = header_field(volume, vh::kTotalBlocks);
+  const uint32_t total_blocks = total_blocks_of(bitmap);
   if (end > total_blocks) {
     MORV_ERROR("Blocks %llu to %llu lie beyond the volume's %lu allocation blocks.\n",
                morv_ull(start), morv_ull(end), morv_ul(total_blocks));
     return MORV_ERR_INVALID_ARGUMENT;
   }
   if (count == 0) return MORV_OK;
-  morv_fork* fork = fork_of(volume->bitmap);
+  morv_fork* fork = fork_of(bitmap);
   bitmap_mapping m(fork);
   const uint64_t first_byte = start / kBitsPerByte;
   if (morv_err err = m.map(first_byte, static_cast<size_t>((end + 7) / kBitsPerByte - first_byte))) {
@@ -209,13 +211,7 @@ morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, mo
   }
   uint64_t handled = start;
   morv_err result = set_run(fork, m, start, end, &handled);
-  if (result) {
-    roll_back_run(fork, start, handled);
-  } else {
-    morv_volume_decrement_free_blocks(volume, count);
-    if (header_field(volume, vh::kNextAllocation) == start_block)
-      morv_volume_set_next_allocation(volume, static_cast<uint32_t>(end));
-  }
+  if (result) roll_back_run(fork, start, handled);
   if (morv_err err = m.unmap()) {
     MORV_ERROR("Error while unmapping chunk containing bits to set.\n");
     if (result == MORV_OK) result = err;
@@ -223,9 +219,8 @@ morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count, mo
   return result;
 }
 
-morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint32_t count,
-                                 uint32_t next_allocation) {
-  morv_fork* fork = fork_of(volume->bitmap);
+morv_err morv_bitmap_clear_run(morv_bitmap* bitmap, uint32_t start_block, uint32_t count) {
+  morv_fork* fork = fork_of(bitmap);
   morv_err result = MORV_OK;
   for (uint64_t b = start_block; b < uint64_t{start_block} + count; ++b) {
     if (morv_err err = put_bit(fork, b, false)) {
@@ -233,8 +228,6 @@ morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block, uint
       if (result == MORV_OK) result = err;
     }
   }
-  morv_volume_increment_free_blocks(volume, count);
-  morv_volume_set_next_allocation(volume, next_allocation);
   return result;
 }
 
@@ -279,6 +272,22 @@ template <typename Visit>
   return result;
 }
 
+// The extents in use of a record end, counted in 64 bits, at or before
+// totalBlocks: a start and count whose 32-bit sum wraps would otherwise free
+// blocks 0, 1, ... and leave the undo of a failed free unable to mark them.
+[[nodiscard]] morv_err check_record_inside(const uint8_t* record, const morv_bitmap* bitmap) {
+  const uint32_t total = total_blocks_of(bitmap);
+  for (size_t i = 0; i < forkdata::kExtentsPerRecord && extent_blocks(record, i) != 0; ++i) {
+    const uint64_t end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
+    if (end > total) {
+      MORV_ERROR("Extent of blocks %lu to %llu lies beyond the volume's %lu allocation blocks.\n",
+                 morv_ul(extent_start(record, i)), morv_ull(end - 1), morv_ul(total));
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  return MORV_OK;
+}
+
 }  // namespace
 
 morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_block, uint32_t count,
@@ -288,6 +297,7 @@ morv_err FreeExtentAllocationBlocks(const uint8_t* fork_data, uint32_t first_blo
     return MORV_ERR_INVALID_ARGUMENT;
   }
   const uint8_t* record = fork_data + forkdata::kExtents;
+  if (morv_err err = check_record_inside(record, bitmap)) return err;
   uint64_t freed = 0;
   morv_err err = for_each_block(record, first_block, count, UINT64_MAX, &freed, [&](uint64_t b) {
     morv_err e = FreeAllocationBlock(static_cast<uint32_t>(b), bitmap);
@@ -350,250 +360,55 @@ class bit_reader {
   bitmap_mapping m_;
 };
 
-// Offset of the first allocated block of [cur, cur + wanted), or `wanted`.
-[[nodiscard]] morv_err first_allocated(bit_reader* bits, uint64_t cur, uint64_t wanted,
-                                       uint64_t* out) {
-  for (uint64_t i = 0; i < wanted; ++i) {
+// First fit over blocks [from, to): the first run of `wanted` free blocks
+// that starts before `last_start`, each block read once. *found is false
+// when there is none.
+[[nodiscard]] morv_err first_fit(bit_reader* bits, uint64_t from, uint64_t to,
+                                 uint64_t last_start, uint64_t wanted, uint64_t* start,
+                                 bool* found) {
+  uint64_t run = 0;
+  for (uint64_t b = from; b < to; ++b) {
     bool set = false;
-    if (morv_err err = bits->allocated(cur + i, &set)) return err;
-    if (set) {
-      *out = i;
+    if (morv_err err = bits->allocated(b, &set)) return err;
+    run = set ? 0 : run + 1;
+    if (run == wanted) {
+      *start = b + 1 - wanted;
+      *found = *start < last_start;
       return MORV_OK;
     }
-  }
-  *out = wanted;
-  return MORV_OK;
-}
-
-// The scan of FindContiguousUnallocated; *found is false when the search
-// came back to the hint without a run.
-[[nodiscard]] morv_err scan_for_run(bit_reader* bits, uint64_t total, uint64_t hint,
-                                    uint64_t wanted, uint64_t* start, bool* found) {
-  uint64_t cur = hint;
-  bool wrapped = false;
-  for (;;) {
-    if (wrapped && cur >= hint) break;  // back where the search began
-    if (cur + wanted > total) {         // the run would pass the last block
-      if (wrapped) break;
-      cur = 0;
-      wrapped = true;
-      continue;
-    }
-    uint64_t i = 0;
-    if (morv_err err = first_allocated(bits, cur, wanted, &i)) return err;
-    if (i == wanted) {
-      *start = cur;
-      *found = true;
-      return MORV_OK;
-    }
-    // Candidates after an allocated block start on a byte boundary.
-    cur = (cur + (i ? i : 1) + 7) / kBitsPerByte * kBitsPerByte;
-    if (cur >= total) {
-      if (wrapped) break;
-      cur = 0;
-      wrapped = true;
-    }
+    if (run == 0 && b + 1 >= last_start) break;  // no run can start in time any more
   }
   *found = false;
   return MORV_OK;
 }
 
+// The scan of FindContiguousUnallocated: candidates start at the hint, then
+// at every later block whose run fits before totalBlocks, then from block 0
+// up to the hint. A run never passes the last block.
+[[nodiscard]] morv_err scan_for_run(bit_reader* bits, uint64_t total, uint64_t hint,
+                                    uint64_t wanted, uint64_t* start, bool* found) {
+  *found = false;
+  if (morv_err err = first_fit(bits, hint, total, total, wanted, start, found)) return err;
+  if (*found || hint == 0) return MORV_OK;
+  const uint64_t to = hint + wanted - 1 < total ? hint + wanted - 1 : total;
+  return first_fit(bits, 0, to, hint, wanted, start, found);
+}
+
 }  // namespace
 
-morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted, uint32_t hint,
-                                   morv_write_location* out) {
-  if (!volume || !volume->bitmap || !out) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t total = header_field(volume, vh::kTotalBlocks);
-  if (hint == 0) hint = header_field(volume, vh::kNextAllocation);
-  if (hint >= total) hint = total ? total - 1 : 0;
-  morv_write_location location{};
-  if (wanted != 0 && wanted <= total) {
-    morv_fork* fork = fork_of(volume->bitmap);
-    bit_reader bits(fork, fork->priv->sector_size);
-    uint64_t start = 0;
-    bool found = false;
+morv_err morv_bitmap_find_run(morv_bitmap* bitmap, uint32_t wanted, uint32_t hint,
+                              uint32_t* out_start, bool* out_found) {
+  const uint32_t total = total_blocks_of(bitmap);
+  bool found = false;
+  uint64_t start = 0;
+  if (wanted != 0 && wanted <= total && hint < total) {
+    morv_fork* fork = fork_of(bitmap);
+    bit_reader bits(fork, morv_fork_sector_size(fork));
     morv_err err = scan_for_run(&bits, total, hint, wanted, &start, &found);
     if (morv_err unmap_err = bits.finish(); !err) err = unmap_err;
     if (err) return err;
-    if (found) {
-      location.start_block = static_cast<uint32_t>(start);
-      location.block_count = wanted;
-    }
   }
-  *out = location;
-  return MORV_OK;
-}
-
-namespace {
-
-// Walks all extents of a fork: *out_count extents, the last ending at
-// allocation block *out_end (0 for a fork without blocks).
-[[nodiscard]] morv_err walk_fork_extents(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                                         morv_extents* extents, uint32_t* out_count,
-                                         uint64_t* out_end) {
-  const uint32_t total = load_be32(fork_data + forkdata::kTotalBlocks);
-  uint8_t record[forkdata::kExtentRecordSize];
-  memcpy(record, fork_data + forkdata::kExtents, sizeof record);
-  uint64_t seen = 0;
-  uint32_t count = 0;
-  uint64_t end = 0;
-  while (seen < total) {
-    for (size_t i = 0; i < forkdata::kExtentsPerRecord && seen < total; ++i, ++count) {
-      if (extent_blocks(record, i) == 0) {
-        MORV_ERROR("Encountered zero block count in extent.\n");
-        return MORV_ERR_CORRUPT;
-      }
-      seen += extent_blocks(record, i);
-      end = uint64_t{extent_start(record, i)} + extent_blocks(record, i);
-      if (seen > total) {
-        MORV_ERROR("Inconsistent extent record: Found more blocks than the number of allocated "
-                   "blocks (%llu > %lu).\n",
-                   morv_ull(seen), morv_ul(total));
-        return MORV_ERR_CORRUPT;
-      }
-    }
-    if (seen == total) break;
-    if (!extents) {
-      MORV_ERROR("List of extents ends before all blocks have been accounted for. Missing %lu "
-                 "blocks.\n",
-                 morv_ul(static_cast<uint32_t>(total - seen)));
-      return MORV_ERR_CORRUPT;
-    }
-    int found = 0;
-    if (morv_err err = morv_extents_get_next_extent_record(
-            extents, fork_type, cnid, static_cast<uint32_t>(seen), &found, record)) {
-      MORV_ERROR("Error while looking up next extent record.\n");
-      return err;
-    }
-    if (!found) {
-      MORV_ERROR("Could not find next extent record.\n");
-      return MORV_ERR_CORRUPT;
-    }
-  }
-  *out_count = count;
-  *out_end = end;
-  return MORV_OK;
-}
-
-}  // namespace
-
-morv_err FindWriteLocation(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                           morv_volume* volume, uint64_t /*logical_size*/, uint32_t clump_size,
-                           morv_write_location* out) {
-  if (!fork_data || !volume || !volume->bitmap || !out) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t block_size = header_field(volume, vh::kBlockSize);
-  const uint32_t wanted =
-      static_cast<uint32_t>((uint64_t{clump_size} + block_size - 1) / block_size);
-  uint32_t count = 0;
-  uint64_t end = 0;
-  if (morv_err err = walk_fork_extents(cnid, fork_type, fork_data, volume->extents, &count, &end))
-    return err;
-  // An end past 32 bits never matches a start block, and a hint past the
-  // volume is clamped by the search.
-  const uint32_t hint = end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end);
-  morv_write_location location{};
-  if (morv_err err = FindContiguousUnallocated(volume, wanted, hint, &location)) {
-    MORV_ERROR("Error while searching the bitmap for a free region of %lu.\n", morv_ul(wanted));
-    return err;
-  }
-  const bool continues = count == 0 || (location.block_count != 0 && location.start_block == end);
-  location.extent_index = continues ? (count ? count - 1 : 0) : count;
-  *out = location;
-  return MORV_OK;
-}
-
-namespace {
-
-// The fork-data extent that a write of [offset, offset + length) reaches:
-// *fits when the extents already cover it; else *index is the last extent in
-// use (0 for an empty fork), or 8 when all eight are in use.
-void reach_of_write(const uint8_t* record, uint32_t block_size, uint64_t offset, uint64_t length,
-                    size_t* index, bool* fits) {
-  uint64_t covered = 0;
-  *fits = false;
-  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i) {
-    if (extent_start(record, i) == 0 && extent_blocks(record, i) == 0) {
-      *index = i ? i - 1 : 0;
-      return;
-    }
-    covered += uint64_t{extent_blocks(record, i)} * block_size;
-    *index = i;
-    if (offset + length <= covered) {
-      *fits = true;
-      return;
-    }
-  }
-  *index = forkdata::kExtentsPerRecord;
-}
-
-}  // namespace
-
-morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset, uint32_t length,
-                     morv_write_location* out) {
-  if (!fork_data || !volume || !out) {
-    MORV_ERROR("HFSPlus:ERROR: [%s] Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t block_size = header_field(volume, vh::kBlockSize);
-  const uint32_t needed = static_cast<uint32_t>((uint64_t{length} + block_size - 1) / block_size);
-  uint8_t* record = fork_data + forkdata::kExtents;
-  size_t index = 0;
-  bool fits = false;
-  reach_of_write(record, block_size, offset, length, &index, &fits);
-  if (index == forkdata::kExtentsPerRecord) {
-    MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
-    return MORV_ERR_EXTENT_LIMIT;
-  }
-  morv_write_location location{};
-  location.extent_index = static_cast<uint32_t>(index);
-  if (fits || needed == 0) {  // an empty write needs no block either
-    *out = location;
-    return MORV_OK;
-  }
-  uint8_t* e = record + index * forkdata::kExtentSize;
-  const bool empty = extent_blocks(record, index) == 0;
-  const uint64_t end = uint64_t{extent_start(record, index)} + extent_blocks(record, index);
-  const uint32_t hint = empty ? 0 : (end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end));
-  if (morv_err err = FindContiguousUnallocated(volume, needed, hint, &location)) {
-    MORV_ERROR("Error while looking up unallocated region.\n");
-    return err;
-  }
-  // Nothing found is a failure here: there is no run to record.
-  if (location.block_count == 0 || location.start_block == 0) {
-    MORV_ERROR("No free run of %lu blocks found in the allocation file.\n", morv_ul(needed));
-    return MORV_ERR_UNSUPPORTED;
-  }
-  const bool continues = !empty && location.start_block == end;
-  if (!empty && !continues) {
-    if (++index == forkdata::kExtentsPerRecord) {
-      MORV_ERROR("HFSPlus: [%s] Not handling overflow extents yet.\n", __func__);
-      return MORV_ERR_EXTENT_LIMIT;
-    }
-    e = record + index * forkdata::kExtentSize;
-  }
-  if (morv_err err = AllocateExtentAllocationBlocks(location.start_block, needed, volume)) {
-    MORV_ERROR("Error while marking %lu blocks starting at block %lu as allocated in the "
-               "allocation file.\n",
-               morv_ul(needed), morv_ul(location.start_block));
-    return err;
-  }
-  if (continues) {
-    store_be32(e + forkdata::kExtentBlockCount, extent_blocks(record, index) + needed);
-  } else {
-    store_be32(e + forkdata::kExtentStartBlock, location.start_block);
-    store_be32(e + forkdata::kExtentBlockCount, needed);
-  }
-  store_be32(fork_data + forkdata::kTotalBlocks,
-             load_be32(fork_data + forkdata::kTotalBlocks) + needed);
-  location.extent_index = static_cast<uint32_t>(index);
-  location.requested_length = length;
-  location.requested_length_copy = length;
-  *out = location;
+  *out_start = found ? static_cast<uint32_t>(start) : 0;
+  *out_found = found;
   return MORV_OK;
 }

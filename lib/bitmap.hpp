@@ -17,31 +17,11 @@
 struct morv_device;
 struct morv_extents;
 struct morv_fork;
-struct morv_volume;
 
-struct morv_bitmap_private {
-  morv_fork* fork;
-};
+struct morv_bitmap_private;
 
 struct morv_bitmap {
   morv_bitmap_private* priv;
-};
-
-// Where a fork's next blocks go. A block count of 0 means that no free run
-// was found (or, from UpdateForks, that the write needs no new blocks).
-struct morv_write_location {
-  uint32_t start_block;
-  uint32_t requested_length;       // bytes, filled by UpdateForks, else 0
-  uint32_t requested_length_copy;  // the same again
-  uint32_t reserved;
-  // Index of the extent that takes the run, counted over the fork data's
-  // eight and then the overflow records: the last extent when the run
-  // continues it, else the next one. 8 or more cannot be stored in the
-  // fork data.
-  uint32_t extent_index;
-  uint32_t block_count;
-  uint32_t reserved2;
-  uint32_t reserved3;
 };
 
 [[nodiscard]] morv_err morv_bitmap_create(uint8_t* volume_header, morv_device* device,
@@ -50,16 +30,12 @@ struct morv_write_location {
 void morv_bitmap_destroy(morv_bitmap** bitmap);
 // Writes the allocation file's modified cache blocks back.
 [[nodiscard]] morv_err morv_bitmap_flush(morv_bitmap* bitmap);
+// The allocation file's fork (owned by the bitmap).
+morv_fork* morv_bitmap_fork(const morv_bitmap* bitmap);
 
 // Clears the bit of `block`. MORV_ERR_GENERIC (nothing written) when it was
 // already clear. freeBlocks is the caller's to raise.
 [[nodiscard]] morv_err FreeAllocationBlock(uint32_t block, morv_bitmap* bitmap);
-// Marks blocks [start_block, start_block + count) allocated, lowers freeBlocks
-// by count and moves nextAllocation past the run when it pointed at its
-// start. MORV_ERR_GENERIC when a block of the run is already allocated; on
-// any failure no bit stays changed.
-[[nodiscard]] morv_err AllocateExtentAllocationBlocks(uint32_t start_block, uint32_t count,
-                                                      morv_volume* volume);
 // Clears the bits of fork blocks [first_block, first_block + count) that the
 // fork data's eight extents hold; *out_freed (optional) is how many. All or
 // nothing. freeBlocks is the caller's to raise.
@@ -73,29 +49,20 @@ void morv_bitmap_destroy(morv_bitmap** bitmap);
 [[nodiscard]] morv_err morv_bitmap_restore_extent_blocks(const uint8_t* fork_data,
                                                          uint32_t first_block, uint32_t count,
                                                          morv_bitmap* bitmap);
-// First-fit search for `wanted` free blocks from `hint` (0: nextAllocation),
-// wrapping once around the volume. Finding nothing is success with a block
-// count of 0.
-[[nodiscard]] morv_err FindContiguousUnallocated(morv_volume* volume, uint32_t wanted,
-                                                 uint32_t hint, morv_write_location* out);
-// Where the next ceil(clump_size / blockSize) blocks of a fork go: a free run
-// searched from the end of its last extent (the fork data's, then the
-// extents overflow records of `cnid` and `fork_type`). Nothing is changed.
-[[nodiscard]] morv_err FindWriteLocation(uint32_t cnid, uint8_t fork_type, const uint8_t* fork_data,
-                                         morv_volume* volume, uint64_t logical_size,
-                                         uint32_t clump_size, morv_write_location* out);
-// Prepares the fork data (eight extents only) for a write of `length` bytes
-// at `offset`: when the extents do not reach offset + length it allocates
-// ceil(length / blockSize) blocks and records them in the fork data
-// (extents and totalBlocks; logicalSize is the writer's). MORV_ERR_EXTENT_LIMIT
-// when the run would need a ninth extent, MORV_ERR_UNSUPPORTED when no free
-// run is found; nothing changes on failure.
-[[nodiscard]] morv_err UpdateForks(morv_volume* volume, uint8_t* fork_data, uint64_t offset,
-                                   uint32_t length, morv_write_location* out);
 
-// Undoes a successful AllocateExtentAllocationBlocks of the same run: clears
-// the bits, raises freeBlocks by count and puts nextAllocation back to
-// `next_allocation`. It touches only cache sectors that the allocation
-// loaded, so it needs no memory and no device transfer.
-[[nodiscard]] morv_err morv_bitmap_release_run(morv_volume* volume, uint32_t start_block,
-                                               uint32_t count, uint32_t next_allocation);
+// Marks blocks [start_block, start_block + count) allocated.
+// MORV_ERR_GENERIC when a block of the run is already allocated, and
+// MORV_ERR_INVALID_ARGUMENT when the run passes totalBlocks; on any failure
+// no bit stays changed. freeBlocks is the caller's.
+[[nodiscard]] morv_err morv_bitmap_mark_run(morv_bitmap* bitmap, uint32_t start_block,
+                                            uint32_t count);
+// Clears the bits of a run that morv_bitmap_mark_run marked. It touches only
+// cache sectors that the marking loaded, so it needs no memory and no device
+// transfer.
+[[nodiscard]] morv_err morv_bitmap_clear_run(morv_bitmap* bitmap, uint32_t start_block,
+                                             uint32_t count);
+// First fit for `wanted` free blocks: runs starting at `hint` (below
+// totalBlocks) or later, then from block 0 up to the hint; a run never passes
+// the last block. *out_found is false when there is none.
+[[nodiscard]] morv_err morv_bitmap_find_run(morv_bitmap* bitmap, uint32_t wanted, uint32_t hint,
+                                            uint32_t* out_start, bool* out_found);

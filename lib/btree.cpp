@@ -61,6 +61,7 @@
 #include <cstring>
 #include <new>
 
+#include "allocation.hpp"
 #include "device_unix.hpp"
 #include "fork.hpp"
 #include "support_unix.hpp"
@@ -2651,8 +2652,8 @@ struct plan {
 
 [[nodiscard]] morv_err plan_growth(const morv_btree* tree, const chain& c, plan* out) {
   const uint16_t ns = tree->node_size;
-  const morv_fork_private* fp = tree->fork->priv;
-  const uint32_t blocks = load_be32(fp->fork_data + forkdata::kClumpSize) / tree->fork->block_size;
+  const uint64_t logical_size = *tree->fork->logical_size;
+  const uint32_t blocks = load_be32(morv_fork_data(tree->fork) + forkdata::kClumpSize) / tree->fork->block_size;
   const uint64_t bytes = uint64_t{blocks} * tree->fork->block_size;
   if (bytes == 0 || bytes % ns != 0) {
     MORV_ERROR("Cannot expand B-tree: a clump of %llu bytes is not a whole number of %hu-byte "
@@ -2660,10 +2661,10 @@ struct plan {
                morv_ull(bytes), ns);
     return MORV_ERR_UNSUPPORTED;
   }
-  if (fp->logical_size != uint64_t{c.total_nodes} * ns || c.capacity < c.total_nodes) {
+  if (logical_size != uint64_t{c.total_nodes} * ns || c.capacity < c.total_nodes) {
     MORV_ERROR("Invalid node data: %lu nodes do not match the tree file (%llu bytes) or its node "
                "bitmap (%llu bits).\n",
-               morv_ul(c.total_nodes), morv_ull(fp->logical_size), morv_ull(c.capacity));
+               morv_ul(c.total_nodes), morv_ull(logical_size), morv_ull(c.capacity));
     return MORV_ERR_CORRUPT;
   }
   const uint64_t new_total = c.total_nodes + bytes / ns;

@@ -11,13 +11,21 @@
 #include <cstdio>
 #include <cstring>
 
+#include "allocation.hpp"
 #include "bitmap.hpp"
 #include "btree.hpp"
 #include "device_unix.hpp"
 #include "extents.hpp"
+#include "fork.hpp"
 #include "support_unix.hpp"
 #include "unicode.hpp"
 #include "volume.hpp"
+
+struct morv_catalog_private {
+  morv_btree* tree;
+  morv_catalog_record_locator* open_locators;  // head of the list, null when none
+  morv_rwlock* open_locators_lock;
+};
 
 namespace {
 constexpr const char* kLogSource = "catalog";
@@ -161,6 +169,16 @@ morv_err morv_catalog_create(morv_device* device, morv_extents* extents, uint8_t
   catalog.get()->priv = priv.release();
   *out = catalog.release();
   return MORV_OK;
+}
+
+morv_btree* morv_catalog_btree(const morv_catalog* catalog) { return catalog->priv->tree; }
+
+bool morv_catalog_has_open_locators(const morv_catalog* catalog) {
+  return catalog->priv->open_locators != nullptr;
+}
+
+morv_err morv_catalog_flush(morv_catalog* catalog) {
+  return morv_fork_flush(catalog->priv->tree->fork);
 }
 
 void morv_catalog_destroy(morv_catalog** catalog_pointer) {
@@ -816,6 +834,12 @@ morv_err rename_record(morv_catalog* catalog, morv_catalog_record_locator** loca
 morv_err morv_catalog_rename_record(morv_catalog* catalog, morv_catalog_record_locator** locator_pointer,
                                     uint32_t new_parent, const uint16_t* new_name,
                                     size_t new_name_length) {
+  // Only a thread record's key has an empty name: a record renamed to one
+  // would take the key of its new parent's thread.
+  if (new_name_length == 0 || !new_name) {
+    MORV_ERROR("Invalid parameter: A catalog record cannot be renamed to an empty name.\n");
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
   morv_btree* tree = catalog->priv->tree;
   if (morv_err err = morv_btree_transaction_begin(tree)) return err;
   return morv_btree_transaction_end(
@@ -1359,6 +1383,7 @@ class deletion {
   [[nodiscard]] morv_err plan_item(morv_catalog_record_locator* locator, bool warn, doomed* d);
   [[nodiscard]] morv_err plan_parent(doomed* d, bool warn);
   [[nodiscard]] morv_err plan_link(const doomed& link);
+  [[nodiscard]] morv_err refuse_linked_indirect_node(const doomed& d);
   [[nodiscard]] morv_err apply();
   [[nodiscard]] morv_err remove(const doomed& d);
   [[nodiscard]] morv_err lower_link_count();
@@ -1399,6 +1424,8 @@ morv_err deletion::plan(morv_catalog_record_locator* locator) {
     }
   }
   if (morv_err err = plan_item(locator, true, &d)) return err;
+  if (d.type == catalog::kFileRecord)
+    if (morv_err err = refuse_linked_indirect_node(d)) return err;
   item_count_ = 1;
   return is_hard_link(d.record, sizeof d.record) ? plan_link(d) : MORV_OK;
 }
@@ -1455,6 +1482,30 @@ morv_err deletion::plan_parent(doomed* d, bool warn) {
   }
   d->parent = d->found_parent.locator;
   return MORV_OK;
+}
+
+// An indirect node file ("iNode<n>" in the private folder) holds the data of
+// its hard links: while its link count (permissions.special) is above zero
+// the links still name it, and deleting it alone would leave them dangling.
+// It goes with its last link instead.
+morv_err deletion::refuse_linked_indirect_node(const doomed& d) {
+  const morv_btree_record_locator* r = d.locator->btree_locator;
+  const size_t prefix = sizeof kIndirectNodePrefix - 1;
+  if (r->key_size < catalog::kKeyName + 2 * prefix ||
+      load_be16(r->key + catalog::kKeyNameLength) <= prefix)
+    return MORV_OK;
+  for (size_t i = 0; i < prefix; ++i)
+    if (load_be16(r->key + catalog::kKeyName + 2 * i) != static_cast<uint8_t>(kIndirectNodePrefix[i]))
+      return MORV_OK;
+  const uint32_t links = load_be32(d.record + catalog::kFileSpecial);
+  if (links == 0) return MORV_OK;
+  uint32_t folder = 0;
+  if (morv_err err = find_private_folder(catalog_, &folder)) return err;
+  if (folder == 0 || load_be32(r->key + catalog::kKeyParentId) != folder) return MORV_OK;
+  MORV_ERROR("Invalid parameter: Indirect node file %lu is still named by %lu hard links; it goes "
+             "with the last of them.\n",
+             morv_ul(d.cnid), morv_ul(links));
+  return MORV_ERR_INVALID_ARGUMENT;
 }
 
 // A hard link lowers its indirect node file's link count, and the last

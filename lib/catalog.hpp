@@ -80,11 +80,7 @@ inline constexpr uint8_t kCompareCaseFolding = 0xCF;
 inline constexpr uint8_t kCompareBinary = 0xBC;
 }  // namespace catalog
 
-struct morv_catalog_private {
-  morv_btree* tree;
-  morv_catalog_record_locator* open_locators;  // head of the list, null when none
-  morv_rwlock* open_locators_lock;
-};
+struct morv_catalog_private;
 
 struct morv_catalog {
   morv_catalog_private* priv;
@@ -121,6 +117,12 @@ int morv_catalog_compare_keys(const uint8_t* key_a, const uint8_t* key_b, uint32
 [[nodiscard]] morv_err morv_catalog_create(morv_device* device, morv_extents* extents,
                                            uint8_t* volume_header, morv_catalog** out);
 void morv_catalog_destroy(morv_catalog** catalog);
+// The catalog's B-tree (owned by the catalog).
+morv_btree* morv_catalog_btree(const morv_catalog* catalog);
+// Writes the catalog file's modified cache blocks back.
+[[nodiscard]] morv_err morv_catalog_flush(morv_catalog* catalog);
+// Whether any catalog record locator is open on the catalog.
+bool morv_catalog_has_open_locators(const morv_catalog* catalog);
 
 [[nodiscard]] morv_err morv_catalog_record_locator_open(morv_catalog* catalog,
                                                         morv_btree_record_locator* btree_locator,

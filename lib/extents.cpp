@@ -123,6 +123,8 @@ morv_err morv_extents_create(morv_device* device, uint8_t* volume_header,
   return MORV_OK;
 }
 
+morv_err morv_extents_flush(morv_extents* extents) { return morv_fork_flush(extents->tree->fork); }
+
 void morv_extents_destroy(morv_extents** extents) {
   if (!extents || !*extents) return;
   morv_btree_destroy(&(*extents)->tree);

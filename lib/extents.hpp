@@ -38,6 +38,8 @@ struct morv_extents {
 [[nodiscard]] morv_err morv_extents_create(morv_device* device, uint8_t* volume_header,
                                            morv_extents** out_extents);
 void morv_extents_destroy(morv_extents** extents);
+// Writes the extents overflow file's modified cache blocks back.
+[[nodiscard]] morv_err morv_extents_flush(morv_extents* extents);
 // *out_valid is 1 when the tree's header suits an extents overflow file.
 [[nodiscard]] morv_err morv_extents_validate(morv_btree* tree, int* out_valid);
 int morv_extents_compare_keys(const uint8_t* a, const uint8_t* b, uint32_t compare_type);

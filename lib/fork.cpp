@@ -27,11 +27,74 @@
 #include <algorithm>
 #include <cstring>
 
-#include "bitmap.hpp"
 #include "device_unix.hpp"
 #include "extents.hpp"
 #include "support_unix.hpp"
-#include "volume.hpp"
+
+// The cache's own structures and steps: private to this file.
+struct morv_rwlock;
+
+// One 1 MiB slice of the fork held in memory. Bit k of the valid bitmap says
+// that fork sector k of the slice holds current bytes; bit k of the
+// modification bitmap that it was changed and not yet written back.
+// `modified` is the number of set modification bits.
+struct morv_fork_cache_item {
+  morv_rwlock* item_lock;
+  uint8_t* data;
+  size_t data_size;
+  uint8_t* valid_bitmap;
+  size_t valid_bitmap_size;
+  uint8_t* modification_bitmap;
+  size_t modification_bitmap_size;
+  uint64_t references;
+  size_t modified;
+};
+
+struct morv_fork_private {
+  morv_device* device;
+  uint32_t cnid;
+  uint8_t* fork_data;  // by reference: normally inside the in-memory volume header
+  uint64_t logical_size;
+  uint8_t* extents;  // resolved HFSPlusExtentDescriptors, on-disk byte order
+  size_t extents_count;
+  morv_rwlock* items_lock;
+  morv_fork_cache_item** items;  // a slot stays null until its item is first needed
+  size_t items_length;
+  size_t cache_item_size;
+  uint32_t sector_size;  // the fork's I/O unit, a multiple of the device's sector
+  morv_rwlock* dirty_lock;
+  size_t dirty_items;  // items whose `modified` is not 0
+};
+
+// Called once per contiguous run of a fork byte range on the device.
+using morv_fork_io_operation = morv_err (*)(void* context, uint64_t device_offset,
+                                            uint64_t fork_offset, uint64_t length);
+
+struct morv_fork_read_io_context {
+  morv_device* device;
+  uint8_t* destination;
+  uint64_t delivered;  // bytes already placed at `destination`
+};
+
+struct morv_fork_write_io_context {
+  morv_fork* fork;
+  uint32_t device_shift;                // log2 of the device sector size
+  uint32_t sector_shift;                // log2 of device sectors per fork sector
+  uint64_t device_sectors_per_sector;  // 1 << sector_shift
+};
+
+[[nodiscard]] morv_err morv_fork_cache_item_create(morv_fork* fork,
+                                                   morv_fork_cache_item** out_item);
+void morv_fork_cache_item_destroy(morv_fork_cache_item* item);
+// Makes every fork sector touched by the range valid in the cache and takes
+// one reference on its item per sector visited.
+[[nodiscard]] morv_err morv_fork_read_into_cache(morv_fork* fork, uint64_t offset, uint64_t length);
+[[nodiscard]] morv_err morv_fork_do_device_io(morv_fork* fork, uint64_t offset, uint64_t length,
+                                              morv_fork_io_operation operation, void* context);
+[[nodiscard]] morv_err morv_fork_process_read_io(void* context, uint64_t device_offset,
+                                                 uint64_t fork_offset, uint64_t length);
+[[nodiscard]] morv_err morv_fork_process_write_io(void* context, uint64_t device_offset,
+                                                  uint64_t fork_offset, uint64_t length);
 
 namespace {
 constexpr const char* kLogSource = "fork";
@@ -271,12 +334,36 @@ namespace {
   return MORV_OK;
 }
 
+// Every extent lies inside the volume: its end, counted in 64 bits, is at
+// most totalBlocks. An extent whose 32-bit end wraps past block 2^32 - 1
+// would otherwise name blocks 0, 1, ... (the volume header, the bitmap) to
+// whoever frees or writes it.
+[[nodiscard]] morv_err check_extents_inside(const uint8_t* list, size_t count, uint32_t cnid,
+                                            uint32_t volume_blocks) {
+  for (size_t i = 0; i < count; ++i) {
+    const uint8_t* e = list + i * forkdata::kExtentSize;
+    const uint64_t end = uint64_t{extent_start(e)} + extent_blocks(e);
+    if (extent_blocks(e) != 0 && end > volume_blocks) {
+      MORV_ERROR("Extent %zu of CNID %lu (blocks %lu to %llu) lies beyond the volume's %lu "
+                 "allocation blocks.\n",
+                 i, morv_ul(cnid), morv_ul(extent_start(e)), morv_ull(end - 1),
+                 morv_ul(volume_blocks));
+      return MORV_ERR_CORRUPT;
+    }
+  }
+  return MORV_OK;
+}
+
 }  // namespace
 
 morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partial,
                           const uint8_t* volume_header, uint32_t cnid, uint8_t* fork_data,
                           uint32_t min_sector_size, morv_fork** out_fork) {
   if (morv_err err = check_fork_size(device, volume_header, cnid, fork_data)) return err;
+  const uint32_t volume_blocks = load_be32(volume_header + vh::kTotalBlocks);
+  if (morv_err err = check_extents_inside(fork_data + forkdata::kExtents,
+                                          forkdata::kExtentsPerRecord, cnid, volume_blocks))
+    return err;
   const uint32_t block_size = load_be32(volume_header + vh::kBlockSize);
   const uint32_t sector_size =
       device->sector_size > min_sector_size ? device->sector_size : min_sector_size;
@@ -295,6 +382,12 @@ morv_err morv_fork_create(morv_device* device, morv_extents* extents, int partia
   fork.get()->logical_size = &priv->logical_size;
   fork.get()->block_size = block_size;
   fork.get()->priv = priv;
+  // The overflow records' extents, read only now, meet the same bound.
+  if (morv_err err = check_extents_inside(priv->extents, priv->extents_count, cnid, volume_blocks)) {
+    morv_fork* doomed = fork.release();
+    morv_fork_destroy(&doomed);
+    return err;
+  }
   *out_fork = fork.release();
   return MORV_OK;
 }
@@ -849,6 +942,7 @@ namespace {
 morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, size_t length,
                          size_t* bytes_written) {
   if (bytes_written) *bytes_written = 0;
+  if (length == 0) return MORV_OK;  // nothing to copy, read or mark, wherever it is
   morv_fork_private* priv = fork->priv;
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / priv->cache_item_size;
@@ -1181,31 +1275,14 @@ morv_err morv_fork_flush(morv_fork* fork) {
   return items.finish(result);
 }
 
-// ---- Growth and shrinking ----
+// ---- Resizing ----
 //
-// Only special files whose fork data lies in the volume header grow or
-// shrink, and only within the fork data's eight extents. A change is
-// prepared completely (location, arrays, new fork data) before anything is
-// published, so that every failure after publication only has to put the
-// saved fork data back and release what the bitmap gave.
+// The cache's side of a growth or a shrink: the allocation module decides
+// where the blocks go and changes the fork data; the fork follows it here.
+// Arrays are allocated before anything changes, so that installing them
+// cannot fail.
 
 namespace {
-
-// CNIDs 3, 4, 6, 7 and 8: bit n of the mask is CNID n.
-constexpr uint32_t kHeaderForkCnids = 0x1D8;
-constexpr uint32_t kMaxHeaderForkCnid = 8;
-
-bool header_fork(uint32_t cnid) { return cnid <= kMaxHeaderForkCnid && ((kHeaderForkCnids >> cnid) & 1u); }
-
-// The allocation file's own fork cannot take blocks from itself: its items
-// lock would be held by the growth while the bitmap writes through it.
-bool is_bitmap_fork(const morv_fork* fork, const morv_volume* volume) {
-  return volume->bitmap && volume->bitmap->priv->fork == fork;
-}
-
-uint8_t* extent_at(uint8_t* fork_data, size_t i) {
-  return fork_data + forkdata::kExtents + i * forkdata::kExtentSize;
-}
 
 size_t extents_in_use(const uint8_t* fork_data) {
   size_t n = 0;
@@ -1213,14 +1290,6 @@ size_t extents_in_use(const uint8_t* fork_data) {
          extent_blocks(fork_data + forkdata::kExtents + n * forkdata::kExtentSize) != 0)
     ++n;
   return n;
-}
-
-// Publishes fork data to the volume header and to the fork's own reference
-// (which is normally the header's copy already).
-void publish(morv_fork_private* priv, morv_volume* volume, const uint8_t* fork_data) {
-  morv_volume_update_fork_data(volume, priv->cnid, fork_data);
-  if (memcmp(priv->fork_data, fork_data, forkdata::kSize) != 0)
-    memcpy(priv->fork_data, fork_data, forkdata::kSize);
 }
 
 // The resolved extents follow the fork data: used only for forks that lie
@@ -1261,307 +1330,89 @@ void drop_cache_beyond(morv_fork_private* priv, uint64_t logical_size) {
   if (was_modified != 0 && item->modified == 0) --priv->dirty_items;
 }
 
-[[nodiscard]] morv_err check_supported(const morv_fork* fork, const morv_volume* volume,
-                                       const char* operation) {
-  const uint32_t cnid = fork->priv->cnid;
-  if (!header_fork(cnid)) {
-    MORV_ERROR("Invalid CNID for %s (%lu). We currently only support forks with their fork data "
-               "in the volume header.\n",
-               operation, morv_ul(cnid));
-    return MORV_ERR_INTERNAL;
-  }
-  if (is_bitmap_fork(fork, volume)) {
-    MORV_ERROR("The allocation file cannot grow or shrink while it serves as the volume's "
-               "bitmap.\n");
-    return MORV_ERR_INTERNAL;
+}  // namespace
+
+uint32_t morv_fork_cnid(const morv_fork* fork) { return fork->priv->cnid; }
+uint8_t* morv_fork_data(const morv_fork* fork) { return fork->priv->fork_data; }
+size_t morv_fork_cache_slots(const morv_fork* fork) { return fork->priv->items_length; }
+uint32_t morv_fork_sector_size(const morv_fork* fork) { return fork->priv->sector_size; }
+size_t morv_fork_extent_count(const morv_fork* fork) { return fork->priv->extents_count; }
+size_t morv_fork_modified_sectors(const morv_fork* fork, size_t slot) {
+  const morv_fork_cache_item* item = item_at(fork->priv, slot);
+  return item ? item->modified : 0;
+}
+uint64_t morv_fork_references(const morv_fork* fork, size_t slot) {
+  const morv_fork_cache_item* item = item_at(fork->priv, slot);
+  return item ? item->references : 0;
+}
+size_t morv_fork_dirty_items(const morv_fork* fork) { return fork->priv->dirty_items; }
+
+morv_err morv_fork_lock_resize(morv_fork* fork) {
+  if (morv_err err = morv_rwlock_lock_write(fork->priv->items_lock)) {
+    MORV_ERROR("Error while locking items lock.\n");
+    return err;
   }
   return MORV_OK;
 }
 
-// Where `blocks` new blocks go; a search that finds no run is a failure
-// here, so that nothing is ever allocated for it.
-[[nodiscard]] morv_err locate_growth(morv_fork* fork, morv_volume* volume, uint32_t blocks,
-                                     morv_write_location* location) {
-  const morv_fork_private* priv = fork->priv;
-  morv_err err = FindWriteLocation(priv->cnid, kDataForkType, priv->fork_data, volume,
-                                   priv->logical_size, blocks * fork->block_size, location);
-  if (!err && location->block_count == 0) {
-    MORV_ERROR("No free run of %lu blocks found in the allocation file.\n", morv_ul(blocks));
-    err = MORV_ERR_UNSUPPORTED;
+morv_err morv_fork_unlock_resize(morv_fork* fork, morv_err result) {
+  if (morv_err err = morv_rwlock_unlock(fork->priv->items_lock)) {
+    MORV_CRITICAL("Unexpected - Error while unlocking items lock!\n");
+    if (result == MORV_OK) result = err;
   }
-  if (err) MORV_ERROR("Error while searching for write location for expanded fork.\n");
-  return err;
+  return result;
 }
 
-// The arrays and fork data of a growth, prepared before anything changes.
-struct growth_plan {
-  uint64_t new_total = 0;
-  uint64_t new_items_length = 0;
+morv_err morv_fork_prepare_resize(const morv_fork* fork, uint64_t logical_size,
+                                  morv_fork_resize* out) {
+  (void)fork;
+  const uint64_t length = (logical_size + kCacheItemSize - 1) / kCacheItemSize;
+  if (!fits_size(length * sizeof(morv_fork_cache_item*))) {
+    MORV_CRITICAL("size_t overflow in new_items_size (%llu).\n",
+                  morv_ull(length * sizeof(morv_fork_cache_item*)));
+    return MORV_ERR_INTERNAL;
+  }
   morv::buffer<morv_fork_cache_item*> items;
   morv::buffer<uint8_t> extents;
-  uint8_t fork_data[forkdata::kSize] = {};
-};
-
-[[nodiscard]] morv_err check_growth_size(const morv_fork_private* priv, uint64_t new_total,
-                                         uint64_t new_items_length) {
-  if (new_items_length < priv->items_length) {
-    MORV_CRITICAL("Internal error: New items array is smaller than old items array.\n");
-    return MORV_ERR_INTERNAL;
+  if (!items.allocate(static_cast<size_t>(length)) ||
+      !extents.allocate(forkdata::kExtentRecordSize)) {
+    MORV_ERROR("Error while allocating new items array.\n");
+    return MORV_ERR_NO_MEMORY;
   }
-  if (new_total > UINT32_MAX) {
-    MORV_ERROR("Cannot expand fork beyond 2^32 blocks (attempted to expand fork to %llu blocks).\n",
-               morv_ull(new_total));
-    return MORV_ERR_UNSUPPORTED;
-  }
-  const uint64_t items_size = new_items_length * sizeof(morv_fork_cache_item*);
-  if (!fits_size(items_size)) {
-    MORV_CRITICAL("size_t overflow in new_items_size (%llu).\n", morv_ull(items_size));
-    return MORV_ERR_INTERNAL;
-  }
+  out->items = items.release();
+  out->items_length = static_cast<size_t>(length);
+  out->extents = extents.release();
+  out->logical_size = logical_size;
   return MORV_OK;
 }
 
-// Items lock held.
-[[nodiscard]] morv_err plan_growth(morv_fork* fork, uint32_t blocks,
-                                   const morv_write_location* location, growth_plan* plan) {
+void morv_fork_cancel_resize(morv_fork_resize* resize) {
+  morv_free(resize->items);
+  morv_free(resize->extents);
+  *resize = morv_fork_resize{};
+}
+
+void morv_fork_commit_resize(morv_fork* fork, morv_fork_resize* resize, const uint8_t* fork_data) {
   morv_fork_private* priv = fork->priv;
-  const uint64_t b = fork->block_size;
-  const uint64_t old_total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
-  plan->new_total = old_total + blocks;
-  plan->new_items_length = (plan->new_total * b + kCacheItemSize - 1) / kCacheItemSize;
-  if (morv_err err = check_growth_size(priv, plan->new_total, plan->new_items_length)) return err;
-  // The length wraps: the trailing part lies past the new end, so a fork
-  // holding unflushed writes is refused here. Kept as it stands.
-  if (morv_err err = morv_fork_flush_internal(fork, plan->new_total * b,
-                                              (old_total - plan->new_total) * b)) {
-    MORV_ERROR("Error while flushing trailing part of fork.\n");
-    return err;
-  }
-  if (!plan->items.allocate(static_cast<size_t>(plan->new_items_length))) {
-    MORV_ERROR("Error while allocating new items array.\n");
-    return MORV_ERR_NO_MEMORY;
-  }
-  memcpy(plan->fork_data, priv->fork_data, forkdata::kSize);
-  if (morv_err err = UpdateForkExtents(plan->fork_data, location)) {
-    MORV_ERROR("Error while updating fork extents.\n");
-    return err;
-  }
-  // The fork data's logicalSize follows the fork's, so that I/O reaches the new blocks.
-  store_be64(plan->fork_data + forkdata::kLogicalSize, plan->new_total * b);
-  if (!plan->extents.allocate(forkdata::kExtentRecordSize)) {
-    MORV_ERROR("Error while allocating new items array.\n");
-    return MORV_ERR_NO_MEMORY;
-  }
-  return MORV_OK;
-}
-
-// Installs a published growth in the fork (items lock held).
-void install_growth(morv_fork_private* priv, growth_plan* plan) {
-  morv_fork_cache_item** items = plan->items.get();
-  if (priv->items_length) memcpy(items, priv->items, priv->items_length * sizeof(*items));
+  if (resize->logical_size < priv->logical_size) drop_cache_beyond(priv, resize->logical_size);
+  const size_t kept = std::min(priv->items_length, resize->items_length);
+  if (kept) memcpy(resize->items, priv->items, kept * sizeof(morv_fork_cache_item*));
   morv_free(priv->items);
-  priv->items = plan->items.release();
-  priv->items_length = static_cast<size_t>(plan->new_items_length);
+  priv->items = resize->items;
+  priv->items_length = resize->items_length;
   morv_free(priv->extents);
-  priv->extents = plan->extents.release();
-  resolve_in_place(priv, plan->fork_data);
-  priv->logical_size = load_be64(plan->fork_data + forkdata::kLogicalSize);
+  priv->extents = resize->extents;
+  resolve_in_place(priv, fork_data);
+  priv->logical_size = resize->logical_size;
+  *resize = morv_fork_resize{};
 }
 
-}  // namespace
-
-morv_err UpdateForkExtents(uint8_t* fork_data, const morv_write_location* location) {
-  if (!fork_data || !location) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  const uint32_t index = location->extent_index;
-  if (index >= forkdata::kExtentsPerRecord) {
-    MORV_ERROR("Unable to update fork extents beyond the first 8 extents.");
-    return MORV_ERR_EXTENT_LIMIT;
-  }
-  uint8_t* e = extent_at(fork_data, index);
-  const uint64_t total = uint64_t{load_be32(fork_data + forkdata::kTotalBlocks)} + location->block_count;
-  const bool continues = uint64_t{extent_start(e)} + extent_blocks(e) == location->start_block;
-  // A run may only lengthen the extent it continues or fill the first empty
-  // extent: replacing a used extent would lose its blocks, and a gap would
-  // end the list early.
-  const size_t used = extents_in_use(fork_data);
-  const bool fills_next = index == used;
-  if (location->block_count == 0 || total > UINT32_MAX ||
-      (continues ? index + 1 != used : !fills_next)) {
-    MORV_ERROR("HFSPlus:ERROR: %s: Invalid Parameters\n", __func__);
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  if (continues) {
-    store_be32(e + forkdata::kExtentBlockCount, extent_blocks(e) + location->block_count);
-  } else {
-    store_be32(e + forkdata::kExtentStartBlock, location->start_block);
-    store_be32(e + forkdata::kExtentBlockCount, location->block_count);
-  }
-  store_be32(fork_data + forkdata::kTotalBlocks, static_cast<uint32_t>(total));
-  return MORV_OK;
-}
-
-morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
-                                   uint32_t* out_blocks_added, morv_fork_growth* growth) {
+void morv_fork_restore_size(morv_fork* fork, uint64_t logical_size, size_t slots,
+                            const uint8_t* fork_data) {
   morv_fork_private* priv = fork->priv;
-  const uint32_t blocks = load_be32(priv->fork_data + forkdata::kClumpSize) / fork->block_size;
-  if (morv_err err = check_supported(fork, volume, "morv_fork_expand")) return err;
-  morv_fork_growth record{};
-  if (blocks != 0) {
-    morv_write_location location{};
-    if (morv_err err = locate_growth(fork, volume, blocks, &location)) return err;
-    MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
-    if (morv_err err = items.lock_write()) {
-      MORV_ERROR("Error while locking items lock.\n");
-      return err;
-    }
-    memcpy(record.saved_fork_data, priv->fork_data, forkdata::kSize);
-    record.saved_next_allocation = load_be32(volume->header + vh::kNextAllocation);
-    record.start_block = location.start_block;
-    record.blocks = blocks;
-    record.old_logical_size = priv->logical_size;
-    record.old_items_length = priv->items_length;
-    growth_plan plan;
-    if (morv_err err = plan_growth(fork, blocks, &location, &plan)) return err;
-    publish(priv, volume, plan.fork_data);
-    if (morv_err err = AllocateExtentAllocationBlocks(location.start_block, blocks, volume)) {
-      MORV_ERROR("Error while marking %lu blocks starting at block %lu as allocated in the "
-                 "allocation file.\n",
-                 morv_ul(blocks), morv_ul(location.start_block));
-      publish(priv, volume, record.saved_fork_data);
-      return err;
-    }
-    install_growth(priv, &plan);
-    if (morv_err err = items.finish(MORV_OK)) return err;
-  }
-  if (growth) *growth = record;
-  *out_blocks_added = blocks;
-  return MORV_OK;
-}
-
-morv_err morv_fork_expand(morv_fork* fork, morv_volume* volume, uint32_t* out_blocks_added) {
-  return morv_fork_expand_recorded(fork, volume, out_blocks_added, nullptr);
-}
-
-morv_err morv_fork_undo_growth(morv_fork* fork, morv_volume* volume, const morv_fork_growth* growth) {
-  if (growth->blocks == 0) return MORV_OK;
-  morv_fork_private* priv = fork->priv;
-  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
-  if (morv_err err = items.lock_write()) {
-    MORV_ERROR("Error while locking items lock.\n");
-    return err;
-  }
-  drop_cache_beyond(priv, growth->old_logical_size);
-  // The larger items array stays; only its length goes back.
-  priv->items_length = growth->old_items_length;
-  priv->logical_size = growth->old_logical_size;
-  publish(priv, volume, growth->saved_fork_data);
-  resolve_in_place(priv, growth->saved_fork_data);
-  const morv_err err = morv_bitmap_release_run(volume, growth->start_block, growth->blocks,
-                                               growth->saved_next_allocation);
-  return items.finish(err);
-}
-
-namespace {
-
-// The fork data of a fork cut to `new_total` blocks.
-void cut_fork_data(uint8_t* fork_data, uint64_t new_total, uint64_t new_logical_size) {
-  uint64_t before = 0;
-  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i) {
-    uint8_t* e = extent_at(fork_data, i);
-    const uint64_t blocks = extent_blocks(e);
-    if (before >= new_total) {
-      memset(e, 0, forkdata::kExtentSize);
-    } else if (before + blocks > new_total) {
-      store_be32(e + forkdata::kExtentBlockCount, static_cast<uint32_t>(new_total - before));
-    }
-    before += blocks;
-  }
-  store_be32(fork_data + forkdata::kTotalBlocks, static_cast<uint32_t>(new_total));
-  store_be64(fork_data + forkdata::kLogicalSize, new_logical_size);
-}
-
-// A shrink is only taken on forks that lie wholly in their eight extents.
-[[nodiscard]] morv_err check_shrink(const morv_fork_private* priv, uint32_t blocks_to_remove) {
-  const uint32_t total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
-  if (blocks_to_remove > total) {
-    MORV_ERROR("Cannot remove %lu blocks from a fork of %lu blocks.\n", morv_ul(blocks_to_remove),
-               morv_ul(total));
-    return MORV_ERR_INVALID_ARGUMENT;
-  }
-  uint64_t held = 0;
-  for (size_t i = 0; i < forkdata::kExtentsPerRecord; ++i)
-    held += extent_blocks(extent_at(priv->fork_data, i));
-  if (held != total) {
-    MORV_ERROR("Unable to update fork extents beyond the first 8 extents.");
-    return MORV_ERR_EXTENT_LIMIT;
-  }
-  return MORV_OK;
-}
-
-// Items lock held.
-[[nodiscard]] morv_err shrink_locked(morv_fork* fork, morv_volume* volume, uint32_t blocks) {
-  morv_fork_private* priv = fork->priv;
-  const uint64_t b = fork->block_size;
-  const uint64_t old_total = load_be32(priv->fork_data + forkdata::kTotalBlocks);
-  const uint64_t new_total = old_total - blocks;
-  const uint64_t new_logical = std::min(priv->logical_size, new_total * b);
-  const uint64_t new_items_length = (new_logical + kCacheItemSize - 1) / kCacheItemSize;
-  if (new_items_length > priv->items_length) {
-    MORV_CRITICAL("Internal error: New items array is larger than old items array.\n");
-    return MORV_ERR_INTERNAL;
-  }
-  if (new_logical < priv->logical_size)
-    if (morv_err err = morv_fork_flush_internal(fork, new_logical, priv->logical_size - new_logical)) {
-      MORV_ERROR("Error while flushing trailing part of fork.\n");
-      return err;
-    }
-  morv::buffer<morv_fork_cache_item*> items;
-  if (!items.allocate(static_cast<size_t>(new_items_length))) {
-    MORV_ERROR("Error while allocating new items array.\n");
-    return MORV_ERR_NO_MEMORY;
-  }
-  uint8_t saved[forkdata::kSize];
-  uint8_t cut[forkdata::kSize];
-  memcpy(saved, priv->fork_data, sizeof saved);
-  memcpy(cut, saved, sizeof cut);
-  cut_fork_data(cut, new_total, new_logical);
-  publish(priv, volume, cut);
-  uint32_t freed = 0;
-  if (morv_err err = FreeExtentAllocationBlocks(saved, static_cast<uint32_t>(new_total), blocks,
-                                                volume->bitmap, &freed)) {
-    MORV_ERROR("Error while freeing %lu blocks in fork starting at block %lu.\n", morv_ul(blocks),
-               morv_ul(static_cast<uint32_t>(new_total)));
-    publish(priv, volume, saved);
-    return err;
-  }
-  if (freed < blocks)
-    MORV_ERROR("Unable to free all allocated blocks. Freed %lu / %lu blocks.\n", morv_ul(freed),
-               morv_ul(blocks));
-  morv_volume_increment_free_blocks(volume, freed);
-  drop_cache_beyond(priv, new_logical);
-  if (new_items_length) memcpy(items.get(), priv->items, static_cast<size_t>(new_items_length) * sizeof(morv_fork_cache_item*));
-  morv_free(priv->items);
-  priv->items = items.release();
-  priv->items_length = static_cast<size_t>(new_items_length);
-  priv->logical_size = new_logical;
-  resolve_in_place(priv, cut);
-  return MORV_OK;
-}
-
-}  // namespace
-
-morv_err morv_fork_shrink(morv_fork* fork, morv_volume* volume, uint32_t blocks_to_remove) {
-  if (morv_err err = check_supported(fork, volume, "morv_fork_shrink")) return err;
-  morv_fork_private* priv = fork->priv;
-  MORV_RWLOCK_GUARD(items, priv->items_lock, "Unexpected - Error while unlocking items lock!\n");
-  if (morv_err err = items.lock_write()) {
-    MORV_ERROR("Error while locking items lock.\n");
-    return err;
-  }
-  if (morv_err err = check_shrink(priv, blocks_to_remove)) return err;
-  if (blocks_to_remove == 0) return items.finish(MORV_OK);
-  return items.finish(shrink_locked(fork, volume, blocks_to_remove));
+  drop_cache_beyond(priv, logical_size);
+  // A larger items array stays; only its length goes back.
+  priv->items_length = slots;
+  priv->logical_size = logical_size;
+  resolve_in_place(priv, fork_data);
 }

@@ -52,99 +52,58 @@ void morv_fork_destroy(morv_fork** fork);
 [[nodiscard]] morv_err morv_fork_flush(morv_fork* fork);
 [[nodiscard]] morv_err morv_fork_flush_internal(morv_fork* fork, uint64_t offset, uint64_t length);
 
-// ---- Growth and shrinking (special files whose fork data is in the volume header) ----
+// ---- Resizing (the cache's side of a growth or shrink; the allocation
+// module decides where blocks go and changes the fork data) ----
 
-struct morv_volume;
-struct morv_write_location;
+struct morv_fork_cache_item;
 
-// Applies a write location to fork data (on-disk order, in place): the run
-// continues the extent at the location's index, or fills that extent when it
-// is the first empty one; totalBlocks grows by the run. logicalSize is left.
-[[nodiscard]] morv_err UpdateForkExtents(uint8_t* fork_data, const morv_write_location* location);
+// The file that owns the fork, and its fork data (on-disk order, by
+// reference: normally inside the in-memory volume header).
+uint32_t morv_fork_cnid(const morv_fork* fork);
+uint8_t* morv_fork_data(const morv_fork* fork);
+// Cache slots (one per 1 MiB of the logical size), and the slots holding
+// writes not yet flushed.
+size_t morv_fork_cache_slots(const morv_fork* fork);
+// The fork's I/O unit in bytes, and the number of its resolved extents.
+uint32_t morv_fork_sector_size(const morv_fork* fork);
+size_t morv_fork_extent_count(const morv_fork* fork);
+// Sectors of cache slot `slot` modified and not yet written (0 for a slot
+// not yet in use).
+size_t morv_fork_modified_sectors(const morv_fork* fork, size_t slot);
+// References that reads and mappings hold on cache slot `slot`.
+uint64_t morv_fork_references(const morv_fork* fork, size_t slot);
+size_t morv_fork_dirty_items(const morv_fork* fork);
 
-// Grows the fork by clumpSize / blockSize blocks from the allocation bitmap:
-// the fork data (extents, totalBlocks, logicalSize), the volume header's copy
-// of it, the bitmap, freeBlocks and the cache change together or not at all.
-// Refused while the fork holds unflushed writes.
-[[nodiscard]] morv_err morv_fork_expand(morv_fork* fork, morv_volume* volume,
-                                        uint32_t* out_blocks_added);
-// Cuts the last `blocks_to_remove` blocks off the fork and frees them; the
-// cut part's modified sectors are written first and its cache dropped.
-[[nodiscard]] morv_err morv_fork_shrink(morv_fork* fork, morv_volume* volume,
-                                        uint32_t blocks_to_remove);
+// A resize holds the fork's items lock for writing from start to end: no
+// read, write or flush of the fork runs meanwhile.
+[[nodiscard]] morv_err morv_fork_lock_resize(morv_fork* fork);
+// Releases the lock; an unlock failure becomes the result only after success.
+[[nodiscard]] morv_err morv_fork_unlock_resize(morv_fork* fork, morv_err result);
 
-// What one growth changed, for taking it back.
-struct morv_fork_growth {
-  uint8_t saved_fork_data[forkdata::kSize];
-  uint32_t saved_next_allocation;
-  uint32_t start_block;
-  uint32_t blocks;  // 0: nothing to take back
-  uint64_t old_logical_size;
-  size_t old_items_length;
-};
-// morv_fork_expand that also records how to take the growth back.
-[[nodiscard]] morv_err morv_fork_expand_recorded(morv_fork* fork, morv_volume* volume,
-                                                 uint32_t* out_blocks_added,
-                                                 morv_fork_growth* growth);
-// Takes a recorded growth back whole, the last change to the fork first: the
-// cache past the old end is dropped (nothing reaches the device), and the
-// fork data, bitmap bits, freeBlocks and nextAllocation are as before. It
-// allocates nothing and transfers nothing.
-[[nodiscard]] morv_err morv_fork_undo_growth(morv_fork* fork, morv_volume* volume,
-                                             const morv_fork_growth* growth);
-
-// ---- Internals shared by the fork operations (and their tests) ----
-
-struct morv_rwlock;
-
-// One 1 MiB slice of the fork held in memory. Bit k of the valid bitmap says
-// that fork sector k of the slice holds current bytes; bit k of the
-// modification bitmap that it was changed and not yet written back.
-// `modified` is the number of set modification bits.
-struct morv_fork_cache_item {
-  morv_rwlock* item_lock;
-  uint8_t* data;
-  size_t data_size;
-  uint8_t* valid_bitmap;
-  size_t valid_bitmap_size;
-  uint8_t* modification_bitmap;
-  size_t modification_bitmap_size;
-  uint64_t references;
-  size_t modified;
-};
-
-struct morv_fork_private {
-  morv_device* device;
-  uint32_t cnid;
-  uint8_t* fork_data;  // by reference: normally inside the in-memory volume header
-  uint64_t logical_size;
-  uint8_t* extents;  // resolved HFSPlusExtentDescriptors, on-disk byte order
-  size_t extents_count;
-  morv_rwlock* items_lock;
-  morv_fork_cache_item** items;  // a slot stays null until its item is first needed
+// The arrays of a fork of `logical_size` bytes, allocated before anything
+// changes so that installing them cannot fail.
+struct morv_fork_resize {
+  morv_fork_cache_item** items;
   size_t items_length;
-  size_t cache_item_size;
-  uint32_t sector_size;  // the fork's I/O unit, a multiple of the device's sector
-  morv_rwlock* dirty_lock;
-  size_t dirty_items;  // items whose `modified` is not 0
+  uint8_t* extents;  // room for the eight extents of a fork data
+  uint64_t logical_size;
 };
+[[nodiscard]] morv_err morv_fork_prepare_resize(const morv_fork* fork, uint64_t logical_size,
+                                                morv_fork_resize* out);
+void morv_fork_cancel_resize(morv_fork_resize* resize);
+// Installs a prepared resize: the cache past the new end is dropped (nothing
+// reaches the device), and the extents become those of `fork_data`, which
+// must hold the whole fork in its eight extents.
+void morv_fork_commit_resize(morv_fork* fork, morv_fork_resize* resize, const uint8_t* fork_data);
+// Takes a committed growth back without allocating: the cache past
+// `logical_size` is dropped, `slots` slots stay in use, and the extents
+// become those of `fork_data`.
+void morv_fork_restore_size(morv_fork* fork, uint64_t logical_size, size_t slots,
+                            const uint8_t* fork_data);
 
-// Called once per contiguous run of a fork byte range on the device.
-using morv_fork_io_operation = morv_err (*)(void* context, uint64_t device_offset,
-                                            uint64_t fork_offset, uint64_t length);
+// ---- Set-up steps, named for their tests ----
 
-struct morv_fork_read_io_context {
-  morv_device* device;
-  uint8_t* destination;
-  uint64_t delivered;  // bytes already placed at `destination`
-};
-
-struct morv_fork_write_io_context {
-  morv_fork* fork;
-  uint32_t device_shift;                // log2 of the device sector size
-  uint32_t sector_shift;                // log2 of device sectors per fork sector
-  uint64_t device_sectors_per_sector;  // 1 << sector_shift
-};
+struct morv_fork_private;
 
 [[nodiscard]] morv_err morv_fork_private_create(morv_device* device, morv_extents* extents,
                                                 int partial, uint32_t cnid, uint8_t* fork_data,
@@ -155,16 +114,3 @@ struct morv_fork_write_io_context {
 [[nodiscard]] morv_err morv_fork_resolve_extents(morv_extents* extents, int partial, uint32_t cnid,
                                                  const uint8_t* fork_data, uint8_t** out_extents,
                                                  size_t* out_count);
-
-[[nodiscard]] morv_err morv_fork_cache_item_create(morv_fork* fork,
-                                                   morv_fork_cache_item** out_item);
-void morv_fork_cache_item_destroy(morv_fork_cache_item* item);
-// Makes every fork sector touched by the range valid in the cache and takes
-// one reference on its item per sector visited.
-[[nodiscard]] morv_err morv_fork_read_into_cache(morv_fork* fork, uint64_t offset, uint64_t length);
-[[nodiscard]] morv_err morv_fork_do_device_io(morv_fork* fork, uint64_t offset, uint64_t length,
-                                              morv_fork_io_operation operation, void* context);
-[[nodiscard]] morv_err morv_fork_process_read_io(void* context, uint64_t device_offset,
-                                                 uint64_t fork_offset, uint64_t length);
-[[nodiscard]] morv_err morv_fork_process_write_io(void* context, uint64_t device_offset,
-                                                  uint64_t fork_offset, uint64_t length);

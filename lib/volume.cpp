@@ -13,6 +13,7 @@
 #include "volume.hpp"
 
 #include <cstring>
+#include <iterator>
 
 #include "bitmap.hpp"
 #include "btree.hpp"
@@ -36,7 +37,10 @@ struct morv_volume_private {
   uint8_t* header;
   uint16_t label_length;
   uint8_t label[2 * 256];  // big-endian units, as in the root folder's key
-  bool alternate_stale;    // special-file fork data changed since the last flush
+  // The special files' fork data as read, or as last written to the
+  // alternate header: the alternate is stale exactly when the header's
+  // differ from these, so a change that is put back leaves it alone.
+  uint8_t written_forks[5 * forkdata::kSize];
 };
 
 morv_err morv_volume_read_header(morv_device* device, uint8_t** buffer, size_t* buffer_length,
@@ -128,6 +132,18 @@ constexpr size_t kSpecialForks[] = {vh::kAllocationFile, vh::kExtentsFile, vh::k
   return MORV_OK;
 }
 
+void copy_special_forks(uint8_t* to, const uint8_t* header) {
+  for (size_t i = 0; i < std::size(kSpecialForks); ++i)
+    memcpy(to + i * forkdata::kSize, header + kSpecialForks[i], forkdata::kSize);
+}
+
+bool special_forks_changed(const uint8_t* header, const uint8_t* written) {
+  for (size_t i = 0; i < std::size(kSpecialForks); ++i)
+    if (memcmp(written + i * forkdata::kSize, header + kSpecialForks[i], forkdata::kSize) != 0)
+      return true;
+  return false;
+}
+
 }  // namespace
 
 morv_err morv_volume_flush(morv_volume* volume) {
@@ -135,13 +151,21 @@ morv_err morv_volume_flush(morv_volume* volume) {
   if (morv_err err = morv_volume_write_header(volume->device, priv->header_buffer,
                                               priv->header_buffer_length))
     return err;
-  if (!priv->alternate_stale) return MORV_OK;
+  if (!special_forks_changed(volume->header, priv->written_forks)) return MORV_OK;
   if (morv_err err = write_alternate_header(volume)) {
     MORV_ERROR("Error while flushing volume header.\n");
     return err;
   }
-  priv->alternate_stale = false;
+  copy_special_forks(priv->written_forks, volume->header);
   return MORV_OK;
+}
+
+morv_err morv_volume_flush_all(morv_volume* volume) {
+  if (volume->bitmap)
+    if (morv_err err = morv_bitmap_flush(volume->bitmap)) return err;
+  if (morv_err err = morv_extents_flush(volume->extents)) return err;
+  if (morv_err err = morv_catalog_flush(volume->catalog)) return err;
+  return morv_volume_flush(volume);
 }
 
 namespace {
@@ -305,6 +329,7 @@ morv_err morv_volume_setup(morv_device* device, uint32_t skip_allocation_file, v
   priv->header_buffer = buffer;
   priv->header_buffer_length = buffer_length;
   priv->header = header;
+  copy_special_forks(priv->written_forks, header);
   priv->label_lock = label_lock;
   priv->label_length = label_length;
   memcpy(priv->label, label, 2 * size_t{label_length});
@@ -360,6 +385,10 @@ void morv_volume_destroy(morv_volume** volume_pointer) {
 morv_err morv_volume_set_label(morv_volume* volume, const uint16_t* label, size_t count) {
   if (count > catalog::kMaxNameLength) {
     MORV_ERROR("Label length (%zu) too large.\n", count);
+    return MORV_ERR_INVALID_ARGUMENT;
+  }
+  if (count == 0 || !label) {
+    MORV_ERROR("Label length (0) too small: a volume name holds at least one character.\n");
     return MORV_ERR_INVALID_ARGUMENT;
   }
   morv_catalog_search_result root;
@@ -425,9 +454,7 @@ void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint
       MORV_CRITICAL("Unexpected catalog node ID for volume header file: %lu", morv_ul(cnid));
       return;
   }
-  if (memcmp(volume->header + offset, fork_data, forkdata::kSize) == 0) return;
   memcpy(volume->header + offset, fork_data, forkdata::kSize);
-  volume->priv->alternate_stale = true;
 }
 
 // ---- Whether the volume may be changed ----

@@ -58,6 +58,10 @@ void morv_volume_update_fork_data(morv_volume* volume, uint32_t cnid, const uint
 // special file's fork data changed, the special files' fork data into the
 // alternate volume header.
 [[nodiscard]] morv_err morv_volume_flush(morv_volume* volume);
+// Writes back everything the volume's objects hold modified: the allocation
+// bitmap (when loaded), the extents overflow file, the catalog file, then
+// the header. Stops at the first failure.
+[[nodiscard]] morv_err morv_volume_flush_all(morv_volume* volume);
 // The write of morv_volume_flush, for a buffer read by morv_volume_read_header.
 [[nodiscard]] morv_err morv_volume_write_header(morv_device* device, const uint8_t* buffer,
                                                 size_t buffer_length);

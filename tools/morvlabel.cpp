@@ -325,7 +325,7 @@ morv_err morvlabel_set_label(morv_volume* volume, const char* new_label) {
     return err;
   }
   // Success is reported only once the change is on stable storage.
-  if ((err = morv_fork_flush(volume->catalog->priv->tree->fork)) ||
+  if ((err = morv_catalog_flush(volume->catalog)) ||
       (err = morv_device_sync(volume->device))) {
     fprintf(stderr, "Error while flushing changes to catalog file.\n");
     return err;

@@ -41,7 +41,7 @@ bool change_label(morv_volume* volume, const char* label) {
   for (size_t i = 0; i < count; ++i)
     store_be16(reinterpret_cast<uint8_t*>(&units[i]), static_cast<uint8_t>(label[i]));
   return morv_volume_set_label(volume, units, count) == MORV_OK &&
-         morv_fork_flush(volume->catalog->priv->tree->fork) == MORV_OK;
+         morv_catalog_flush(volume->catalog) == MORV_OK;
 }
 
 }  // namespace

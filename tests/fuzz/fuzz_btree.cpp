@@ -82,7 +82,7 @@ struct Trees {
   morv_extents* extents = nullptr;
   morv_catalog* catalog = nullptr;
   morv_btree* tree(bool extents_tree) const {
-    return extents_tree ? extents->tree : (catalog ? catalog->priv->tree : nullptr);
+    return extents_tree ? extents->tree : (catalog ? morv_catalog_btree(catalog) : nullptr);
   }
 };
 
@@ -170,7 +170,7 @@ void rename(morv_catalog* catalog, uint32_t cnid, uint32_t new_parent, const uni
     units_t name_be(name.size() + 1);  // never a null pointer, even for an empty name
     for (size_t i = 0; i < name.size(); ++i)
       store_be16(reinterpret_cast<uint8_t*>(&name_be[i]), name[i]);
-    (void)all_or_nothing(catalog->priv->tree, "rename", [&] {
+    (void)all_or_nothing(morv_catalog_btree(catalog), "rename", [&] {
       return morv_catalog_rename_record(catalog, &item.locator, parent_word, name_be.data(),
                                         name.size());
     });

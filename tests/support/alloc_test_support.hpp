@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "allocation.hpp"
 #include "bitmap.hpp"
 #include "btree.hpp"
 #include "catalog.hpp"
@@ -28,15 +29,12 @@ inline uint32_t field(const morv_volume* v, size_t offset) { return load_be32(v-
 // A builder image opened as a volume with its allocation bitmap.
 struct Volume : morv_test::OpenVolume {
   explicit Volume(const std::string& args) : OpenVolume(args, 0) { EXPECT_EQ(err, MORV_OK); }
-  morv_btree* catalog_tree() const { return volume->catalog->priv->tree; }
+  morv_btree* catalog_tree() const { return morv_catalog_btree(volume->catalog); }
   // Whether the bitmap marks `block`, as the cache holds it.
   bool marked(uint32_t block) const { return (bitmap_byte(block / 8) & (0x80u >> (block % 8))) != 0; }
   // Bitmap, extents overflow tree, catalog, then the header.
   void flush() {
-    ASSERT_EQ(morv_bitmap_flush(volume->bitmap), MORV_OK);
-    ASSERT_EQ(morv_fork_flush(volume->extents->tree->fork), MORV_OK);
-    ASSERT_EQ(morv_fork_flush(catalog_tree()->fork), MORV_OK);
-    ASSERT_EQ(morv_volume_flush(volume), MORV_OK);
+    ASSERT_EQ(morv_volume_flush_all(volume), MORV_OK);
   }
   // Flushes everything and runs the volume checker: empty when clean.
   std::string check() {
@@ -49,7 +47,7 @@ struct Volume : morv_test::OpenVolume {
   // The bitmap's byte `index`, as the cache holds it.
   uint8_t bitmap_byte(uint64_t index) const {
     uint8_t b = 0;
-    EXPECT_EQ(morv_fork_read(volume->bitmap->priv->fork, index, &b, 1, nullptr), MORV_OK);
+    EXPECT_EQ(morv_fork_read(morv_bitmap_fork(volume->bitmap), index, &b, 1, nullptr), MORV_OK);
     return b;
   }
   // Drops everything held in memory and opens the image again, after

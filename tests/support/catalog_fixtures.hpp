@@ -175,7 +175,7 @@ struct OpenCatalog : BuiltImage, OpenDevice {
     if (extents) morv_extents_destroy(&extents);
     morv_free(buffer);
   }
-  void flush() { ASSERT_EQ(morv_fork_flush(catalog->priv->tree->fork), MORV_OK); }
+  void flush() { ASSERT_EQ(morv_catalog_flush(catalog), MORV_OK); }
   Found by_cnid(uint32_t cnid, int follow) { return morv_test::by_cnid(catalog, cnid, follow); }
   uint8_t* buffer = nullptr;
   uint8_t* header = nullptr;

@@ -88,7 +88,7 @@ class CatalogModel {
       if (type == catalog::kFileRecord) files_[cnid_of(data)] = key;
     }
   }
-  morv_btree* tree() { return cat_.catalog->priv->tree; }
+  morv_btree* tree() { return morv_catalog_btree(cat_.catalog); }
 
   // One random change; returns its result.
   morv_err step() {
@@ -239,7 +239,7 @@ class CatalogModel {
 
   // Names as long as two file records and their index records fit a node.
   size_t max_name() const { return std::min<size_t>(255, (tree_node_size() - 300) / 6); }
-  size_t tree_node_size() const { return cat_.catalog->priv->tree->node_size; }
+  size_t tree_node_size() const { return morv_catalog_btree(cat_.catalog)->node_size; }
 
   template <typename F>
   morv_err in_transaction(F body) {

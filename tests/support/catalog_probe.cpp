@@ -110,7 +110,7 @@ bool run(morv_volume* volume, const std::string& command, const std::string& pat
 bool flush(morv_volume* volume) {
   return morv_bitmap_flush(volume->bitmap) == MORV_OK &&
          morv_fork_flush(volume->extents->tree->fork) == MORV_OK &&
-         morv_fork_flush(volume->catalog->priv->tree->fork) == MORV_OK &&
+         morv_catalog_flush(volume->catalog) == MORV_OK &&
          morv_volume_flush(volume) == MORV_OK;
 }
 

@@ -109,7 +109,6 @@ class ForkImage {
     morv_seam_reset_stats();
     morv_seam_set_observer(record, nullptr);
   }
-  morv_fork_private* priv() const { return fork->priv; }
 
   uint32_t block_size_;
   std::vector<Extent> extents_;

@@ -3,14 +3,14 @@
 
     fuzz_seeds.py OUT_DIR
 
-Writes OUT_DIR/print, change, btree and unicode.  The volume seeds are small
-volumes of every shape tests/support/mkimage.py makes (HFS+ and HFSX, block
+Writes OUT_DIR/print, change, btree, alloc and unicode.  The volume seeds
+are small volumes of every shape tests/support/mkimage.py makes (HFS+ and HFSX, block
 and node sizes, fragmented catalog, overflow extents, deep and scattered
 trees, full and empty catalogs, and each of its --corrupt damages), each on
 the smallest device that holds it.  The boot blocks (bytes 0..1023, which
 the library never reads) carry what a target takes besides the image: the
-label choice of fuzz_change, the operation script of fuzz_btree; fuzz_print
-gets them zero.
+label choice of fuzz_change, the operation scripts of fuzz_btree and
+fuzz_alloc; fuzz_print gets them zero.
 """
 
 import json
@@ -287,6 +287,23 @@ def scripts(info, pad):
     return {"read": read, "rename": rename, "grow": grow, "shrink": shrink, "extents": extents}
 
 
+# ---------------------------------------------------------------- fuzz_alloc scripts
+
+def alloc_scripts(info):
+    """Operation scripts of fuzz_alloc (format in tests/fuzz/fuzz_alloc.cpp)."""
+    first_file = 16 + info.get("folders", 0)
+    b = lambda *v: bytes(v)
+    u32 = lambda v: struct.pack(">I", v)
+    mixed = (b(1, first_file) + b(5, first_file + 1, 10) + b(2, 4) + b(3, 2) + b(4, 0) + b(4, 1)
+             + b(6) + struct.pack(">H", 3) + u32(0) + b(7) + u32(40) + b(5)
+             + b(8) + u32(0xFFFFFFFE) + b(6) + b(9, 3) + b(1, 16))
+    grow = b(2, 8) + b(9, 2) + b(4, 0) + b(4, 0) + b(4, 1) + b(3, 8) + b(2, 1) + b(3, 1)
+    delete = b"".join(b(1, c) for c in range(first_file, first_file + 4)) + b(1, 16) + b(1, 2)
+    bits = (b(7) + u32(0) + b(3) + b(7) + u32(0xFFFFFFFF) + b(2) + b(8) + u32(29) + b(4)
+            + b(6) + struct.pack(">H", 2) + u32(0xFFFFFFF0))
+    return {"mixed": mixed, "grow": grow, "delete": delete, "bits": bits}
+
+
 # ---------------------------------------------------------------- findings' seeds
 
 def bitmap_live_nodes(image):
@@ -359,7 +376,7 @@ def main(argv):
         return 2
     out = argv[1]
     work = os.path.join(out, "work")
-    for sub in ("print", "change", "btree", "unicode", "work"):
+    for sub in ("print", "change", "btree", "unicode", "alloc", "work"):
         shutil.rmtree(os.path.join(out, sub), ignore_errors=True)
     os.makedirs(work)
     images = {}
@@ -379,6 +396,9 @@ def main(argv):
             if len(script) > BOOT:
                 continue  # a script around a 255-unit label does not fit
             write(os.path.join(out, "btree"), "%s-%s" % (name, script_name),
+                  script.ljust(BOOT, b"\0") + body)
+        for script_name, script in alloc_scripts(info).items():
+            write(os.path.join(out, "alloc"), "%s-%s" % (name, script_name),
                   script.ljust(BOOT, b"\0") + body)
     for name, (shape, damage, targets, script) in FOUND.items():
         image = damage(images[shape])

@@ -40,7 +40,7 @@ TEST(BitmapBits, OrderRollbackFreeingInPlaceAndInjectedFailures) {
   v.flush();
   // A block already free: 1, and nothing is written.
   EXPECT_EQ(FreeAllocationBlock(39, bitmap), MORV_ERR_GENERIC);
-  EXPECT_EQ(bitmap->priv->fork->priv->dirty_items, 0u);
+  EXPECT_EQ(morv_fork_dirty_items(morv_bitmap_fork(bitmap)), 0u);
   EXPECT_EQ(v.check(), "");
 
   EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {
@@ -85,6 +85,20 @@ TEST(BitmapBits, FreeingExtentRangesIsAllOrNothing) {
   EXPECT_EQ(freed, 1u);
   morv_volume_increment_free_blocks(v.volume, 5);
   EXPECT_EQ(v.check(), "");
+
+  // An extent whose end passes block 2^32 - 1: fork blocks 2-5 would be
+  // blocks 0-3 once truncated (the header and the bitmap itself). Refused
+  // before any bit changes, and such a startup file is never opened.
+  const auto wraps = fork_data({{0xFFFFFFFEu, 6}});
+  EXPECT_LOGGED(FreeExtentAllocationBlocks(wraps.data(), 2, 4, v.volume->bitmap, &freed), MORV_ERR_CORRUPT,
+                "lies beyond the volume's 256 allocation blocks");
+  EXPECT_EQ(v.bitmap_byte(0), 0xFF);
+  std::copy(wraps.begin(), wraps.end(), startup(v.volume));
+  morv_fork* fork = nullptr;
+  EXPECT_LOGGED(morv_fork_create(v.device, v.volume->extents, 0, v.volume->header, kStartupFileCnid,
+                                 startup(v.volume), 0, &fork),
+                MORV_ERR_CORRUPT, "lies beyond the volume's 256 allocation blocks");
+  EXPECT_EQ(fork, nullptr);
 }
 
 TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
@@ -94,9 +108,9 @@ TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
   ASSERT_EQ(FindContiguousUnallocated(v.volume, 4, 0, &loc), MORV_OK);
   EXPECT_EQ(loc.start_block, 29u);
   EXPECT_EQ(loc.block_count, 4u);
-  // From an allocated block the candidates move to byte boundaries: 16, 24, 32.
+  // From an allocated block the first free run after it, wherever it starts.
   ASSERT_EQ(FindContiguousUnallocated(v.volume, 4, 12, &loc), MORV_OK);
-  EXPECT_EQ(loc.start_block, 32u);
+  EXPECT_EQ(loc.start_block, 29u);
   // More than any free run: around once, then nothing, as count 0 at block 0.
   loc.start_block = 7;
   ASSERT_EQ(FindContiguousUnallocated(v.volume, 227, 100, &loc), MORV_OK);
@@ -108,7 +122,7 @@ TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
   ASSERT_EQ(FindContiguousUnallocated(v.volume, 1, 255, &loc), MORV_OK);
   EXPECT_EQ(loc.start_block, 255u);
   ASSERT_EQ(FindContiguousUnallocated(v.volume, 2, 255, &loc), MORV_OK);
-  EXPECT_EQ(loc.start_block, 32u);
+  EXPECT_EQ(loc.start_block, 29u);
   ASSERT_EQ(AllocateExtentAllocationBlocks(255, 1, v.volume), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
   EXPECT_EQ(v.check(), "");
@@ -120,6 +134,27 @@ TEST(BitmapSearch, FirstFitOnByteBoundariesWrapsOnceAndNeverPassesTheEnd) {
   ASSERT_EQ(FindContiguousUnallocated(full.volume, 1, last, &loc), MORV_OK);
   EXPECT_EQ(loc.block_count, 0u);
   EXPECT_EQ(loc.start_block, 0u);
+
+  // Free runs that begin inside a byte are seen: only 31, 33, 35, 37, 39
+  // and 40 free, two blocks are found at 39; with 40 taken, a symbolic
+  // link still gets a block.
+  Volume odd("--size 1048576 --label Odd --files 1");
+  std::vector<uint32_t> filler;
+  for (uint32_t b = 0; b < 256; ++b) {
+    if (b == 31 || (b >= 33 && b <= 39 && b % 2) || b == 40 || odd.marked(b)) continue;
+    ASSERT_EQ(AllocateExtentAllocationBlocks(b, 1, odd.volume), MORV_OK) << b;
+    filler.push_back(b);
+  }
+  ASSERT_EQ(FindContiguousUnallocated(odd.volume, 2, 0, &loc), MORV_OK);
+  EXPECT_EQ(loc.start_block, 39u);
+  EXPECT_EQ(loc.block_count, 2u);
+  ASSERT_EQ(AllocateExtentAllocationBlocks(40, 1, odd.volume), MORV_OK);
+  ASSERT_EQ(make_symlink(odd.volume, 16, u"target"), MORV_OK);
+  EXPECT_EQ(odd.free_blocks(), 4u);
+  filler.push_back(40);
+  for (uint32_t b : filler) ASSERT_EQ(FreeAllocationBlock(b, odd.volume->bitmap), MORV_OK);
+  morv_volume_increment_free_blocks(odd.volume, static_cast<uint32_t>(filler.size()));
+  EXPECT_EQ(odd.check(), "");
 }
 
 TEST(BitmapSearch, WriteLocationsFollowTheLastExtentThroughOverflowRecords) {
@@ -133,7 +168,7 @@ TEST(BitmapSearch, WriteLocationsFollowTheLastExtentThroughOverflowRecords) {
   EXPECT_EQ(loc.extent_index, 0u);
   // The extents file (2-10) is followed by the catalog: a new extent.
   ASSERT_EQ(FindWriteLocation(3, 0, header + vh::kExtentsFile, v.volume, 0, 4097, &loc), MORV_OK);
-  EXPECT_EQ(loc.start_block, 32u);
+  EXPECT_EQ(loc.start_block, 29u);
   EXPECT_EQ(loc.extent_index, 1u);
   // An empty fork starts at nextAllocation in its first extent.
   ASSERT_EQ(FindWriteLocation(7, 0, header + vh::kStartupFile, v.volume, 0, 1, &loc), MORV_OK);
@@ -187,7 +222,7 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
   EXPECT_EQ(fd, fork_data({{29, 3}}));
   ASSERT_EQ(AllocateExtentAllocationBlocks(32, 1, v.volume), MORV_OK);
   ASSERT_EQ(UpdateForks(v.volume, fd.data(), 12288, 4096, &loc), MORV_OK);
-  EXPECT_EQ(fd, fork_data({{29, 3}, {40, 1}}));
+  EXPECT_EQ(fd, fork_data({{29, 3}, {33, 1}}));
   EXPECT_EQ(loc.extent_index, 1u);
 
   auto full = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
@@ -202,7 +237,7 @@ TEST(BitmapUpdateForks, WritesBeyondTheExtentsTakeBlocksAllOrNothing) {
     if (err) { EXPECT_EQ(copy, fd); }
     return err;
   });
-  fd = fork_data({{29, 3}, {40, 1}, {41, 1}});
+  fd = fork_data({{29, 3}, {33, 2}});
   uint32_t freed = 0;
   ASSERT_EQ(FreeExtentAllocationBlocks(fd.data(), 0, 5, v.volume->bitmap, &freed), MORV_OK);
   ASSERT_EQ(FreeAllocationBlock(32, v.volume->bitmap), MORV_OK);

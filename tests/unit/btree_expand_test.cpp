@@ -44,7 +44,7 @@ TEST(BtreeExpand, FullCatalogGrowsClumpByClumpChainingAMapNodeAndFailuresUndoEve
     const uint32_t total = header_field(v, kTotalNodes);
     const uint32_t free_nodes = header_field(v, kFreeNodes);
     EXPECT_GT(alloc_test::fail_each_unchanged(v, [](morv_volume* vol) {
-                return morv_btree_expand(vol->catalog->priv->tree, vol);
+                return morv_btree_expand(morv_catalog_btree(vol->catalog), vol);
               }), 0u);
     // The first growth spends one new node on the map node.
     EXPECT_EQ(header_field(v, kTotalNodes), total + 8);

@@ -233,6 +233,12 @@ TEST(CatalogHardLinks, FollowedByThreadOrByNameAndTheLastLinkTakesTheFile) {
       return node.get() ? load_be32(node.data() + catalog::kFileSpecial) : 0u;
     };
     EXPECT_EQ(follow(21), 16u) << number;
+    // The file alone would leave its links dangling.
+    const auto image = v.bytes();
+    EXPECT_LOGGED(delete_record(v.volume, 16u), MORV_ERR_INVALID_ARGUMENT,
+                  "Indirect node file 16 is still named by 3 hard links");
+    v.flush();
+    EXPECT_EQ(v.bytes(), image);
     const uint32_t free_before = v.free_blocks(), files = v.files();
     testing::internal::CaptureStderr();
     ASSERT_EQ(delete_record(v.volume, 20u), MORV_OK);
@@ -262,7 +268,7 @@ TEST(CatalogDelete, EveryFailureLeavesTheImageAsItWasAndLeaksNothing) {
   auto run = [&](auto op) {
     const uint64_t failures = alloc_test::fail_each_unchanged(v, [&](morv_volume* vol) {
       const morv_err err = op(vol);
-      EXPECT_EQ(vol->catalog->priv->open_locators, nullptr);
+      EXPECT_FALSE(morv_catalog_has_open_locators(vol->catalog));
       return err;
     });
     EXPECT_GT(failures, 0u);
@@ -301,7 +307,7 @@ TEST(CatalogDelete, DeletingEverythingInRandomOrderEndsAsAFreshEmptyVolume) {
     EXPECT_EQ(field(v.volume, offset), field(fresh.volume, offset)) << offset;
   const uint32_t bytes = (field(v.volume, vh::kTotalBlocks) + 7) / 8;
   std::vector<uint8_t> ours(bytes), theirs(bytes);
-  ASSERT_EQ(morv_fork_read(v.volume->bitmap->priv->fork, 0, ours.data(), bytes, nullptr), MORV_OK);
-  ASSERT_EQ(morv_fork_read(fresh.volume->bitmap->priv->fork, 0, theirs.data(), bytes, nullptr), MORV_OK);
+  ASSERT_EQ(morv_fork_read(morv_bitmap_fork(v.volume->bitmap), 0, ours.data(), bytes, nullptr), MORV_OK);
+  ASSERT_EQ(morv_fork_read(morv_bitmap_fork(fresh.volume->bitmap), 0, theirs.data(), bytes, nullptr), MORV_OK);
   EXPECT_EQ(ours, theirs);
 }

@@ -53,7 +53,7 @@ TEST(ExtentsTree, FragmentedCatalogResolvesThroughTheTree) {
   ASSERT_EQ(image.open_extents(), MORV_OK);
   morv_btree* catalog = nullptr;
   ASSERT_EQ(image.open_catalog(&catalog, test_compare), MORV_OK);
-  EXPECT_EQ(catalog->fork->priv->extents_count, 20u);
+  EXPECT_EQ(morv_fork_extent_count(catalog->fork), 20u);
   morv_btree_destroy(&catalog);
   EXPECT_THAT(logged([&] {
                 EXPECT_NE(morv_btree_create(image.device(), nullptr, 0, image.volume_header(),

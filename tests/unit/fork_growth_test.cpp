@@ -38,7 +38,7 @@ TEST(ForkGrowth, ClumpsLengthenOrAddExtentsShrinkingFreesAndTheAlternateHeaderFo
   EXPECT_EQ(extent(v.volume, 0), std::make_pair(29u, 8u));
   ASSERT_EQ(AllocateExtentAllocationBlocks(37, 1, v.volume), MORV_OK);
   ASSERT_EQ(morv_fork_expand(fork, v.volume, &added), MORV_OK);
-  EXPECT_EQ(extent(v.volume, 1), std::make_pair(40u, 4u));
+  EXPECT_EQ(extent(v.volume, 1), std::make_pair(38u, 4u));
   ASSERT_EQ(FreeAllocationBlock(37, v.volume->bitmap), MORV_OK);
   morv_volume_increment_free_blocks(v.volume, 1);
   EXPECT_EQ(v.check(), "");  // bitmap, freeBlocks and the alternate header's extents
@@ -118,7 +118,7 @@ TEST(ForkGrowth, RefusalsLeaveHeaderAndBitmapAlone) {
                 "Invalid CNID for morv_fork_shrink (5).");
   morv_fork_destroy(&other);
   // The bitmap's own fork would write through itself while growing.
-  unchanged(v.volume->bitmap->priv->fork, MORV_ERR_INTERNAL, "serves as the volume's bitmap");
+  unchanged(morv_bitmap_fork(v.volume->bitmap), MORV_ERR_INTERNAL, "serves as the volume's bitmap");
   // Eight extents in use (inside the extents file, so the run cannot
   // continue the last): no ninth.
   const auto eight_fd = fork_data({{2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}});
@@ -189,10 +189,27 @@ TEST(ForkGrowth, InjectedFailuresLeaveTheVolumeAsItWas) {
     EXPECT_EQ(morv_fork_expand_recorded(f, v.volume, &added, &growth), MORV_OK);
     EXPECT_EQ(morv_fork_write(f, 4096, "new", 3, nullptr), MORV_OK);
     EXPECT_EQ(morv_fork_undo_growth(f, v.volume, &growth), MORV_OK);
-    EXPECT_EQ(f->priv->dirty_items, 0u);
+    EXPECT_EQ(morv_fork_dirty_items(f), 0u);
     EXPECT_EQ(*f->logical_size, 4096u);
     return MORV_OK;
   });
   v.flush();
   EXPECT_EQ(v.bytes(), before);
+
+  // The alternate header disagrees with the primary (one of them damaged):
+  // a growth taken back changes no fork data, so a flush leaves the
+  // alternate alone instead of copying the primary's records over it.
+  const uint64_t alternate = 256 * 4096 - 1024 + vh::kAttributesFile + forkdata::kClumpSize;
+  ASSERT_EQ(pwrite(v.fd, "\x7f", 1, static_cast<off_t>(alternate)), 1);
+  v.reopen();
+  const auto damaged = v.bytes();
+  with_startup(v.volume, [&](morv_fork* f) {
+    morv_fork_growth growth{};
+    uint32_t added = 0;
+    EXPECT_EQ(morv_fork_expand_recorded(f, v.volume, &added, &growth), MORV_OK);
+    EXPECT_EQ(morv_fork_undo_growth(f, v.volume, &growth), MORV_OK);
+    return MORV_OK;
+  });
+  v.flush();
+  EXPECT_EQ(v.bytes(), damaged);
 }

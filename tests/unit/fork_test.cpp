@@ -22,14 +22,14 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
   {  // empty fork
     ForkImage img(512, 4, {});
     ASSERT_EQ(img.create(), MORV_OK);
-    EXPECT_EQ(img.priv()->extents_count, 0u);
-    EXPECT_EQ(img.priv()->items_length, 0u);
+    EXPECT_EQ(morv_fork_extent_count(img.fork), 0u);
+    EXPECT_EQ(morv_fork_cache_slots(img.fork), 0u);
   }
   for (auto [size, items] : {std::pair<uint64_t, size_t>{1048576, 1}, {1048577, 2}}) {
     ForkImage img(4096, 301, {{1, 300}}, size);
     ASSERT_EQ(img.create(), MORV_OK);
-    EXPECT_EQ(img.priv()->items_length, items);
-    EXPECT_EQ(img.priv()->sector_size, 512u);
+    EXPECT_EQ(morv_fork_cache_slots(img.fork), items);
+    EXPECT_EQ(morv_fork_sector_size(img.fork), 512u);
   }
   {  // sizes beyond the fork's blocks, the device's or the volume's are refused before
      // anything is sized (a fuzzed header once sized a 100 GB cache array)
@@ -79,7 +79,7 @@ TEST(ForkExtents, ResolutionCasesAndCacheGeometry) {
   EXPECT_EQ(untouched, reinterpret_cast<uint8_t*>(&g_requests));
   EXPECT_EQ(count, 99u);
   ASSERT_EQ(img.create(), MORV_OK);  // partial: what the fork data holds
-  EXPECT_EQ(img.priv()->extents_count, 8u);
+  EXPECT_EQ(morv_fork_extent_count(img.fork), 8u);
 }
 
 TEST(ForkRead, ServedOnceAcrossBordersAndPartialLastSector) {
@@ -140,17 +140,19 @@ TEST(ForkMap, BorderReferencesAndPointers) {
 
   ASSERT_EQ(morv_fork_map(img.fork, 1024, &p, 1536, &mapped), MORV_OK);
   EXPECT_EQ(mapped, 1536u);
-  morv_fork_cache_item* item = img.priv()->items[0];
-  EXPECT_EQ(p, item->data + 1024);
+  uint8_t* start = nullptr;  // the item's first sector: p lies 1024 bytes into the same buffer
+  ASSERT_EQ(morv_fork_map(img.fork, 0, &start, 512, nullptr), MORV_OK);
+  EXPECT_EQ(p, start + 1024);
+  ASSERT_EQ(morv_fork_unmap(img.fork, 0, &start, 512), MORV_OK);
   EXPECT_EQ(std::vector<uint8_t>(p, p + 1536), img.fork_bytes(1024, 1536));
-  EXPECT_EQ(item->references, 3u);  // one per sector mapped
+  EXPECT_EQ(morv_fork_references(img.fork, 0), 3u);  // one per sector mapped
   uint8_t* wrong = p + 512;
   EXPECT_LOGGED(morv_fork_unmap(img.fork, 1024, &wrong, 1536), MORV_ERR_INVALID_ARGUMENT,
                 "Unexpected pointer when unmapping");
-  EXPECT_EQ(item->references, 3u);
+  EXPECT_EQ(morv_fork_references(img.fork, 0), 3u);
   EXPECT_EQ(morv_fork_unmap(img.fork, 1024, &p, 1536), MORV_OK);
   EXPECT_EQ(p, nullptr);
-  EXPECT_EQ(item->references, 2u);
+  EXPECT_EQ(morv_fork_references(img.fork, 0), 2u);
   EXPECT_TRUE(has(logged([&] { morv_fork_destroy(&img.fork); }), " with 2 remaining references.\n"));
   EXPECT_EQ(img.fork, nullptr);
 }
@@ -164,12 +166,11 @@ TEST(ForkWrite, CacheOnlyThenFlushWritesModifiedRuns) {
   img->write(30 * 512 + 100, {0x5A});  // one byte: its sector is read first
   EXPECT_EQ(g_requests, (std::vector<Request>{{MORV_SEAM_READ, 60 * 512 + 4 * 512, 512}}));
   img->write(14 * 512, bytes_of(512, 3));  // the same sector again
-  morv_fork_cache_item* item0 = img->priv()->items[0];
-  EXPECT_EQ(item0->modified, 5u);
-  EXPECT_EQ(img->priv()->dirty_items, 1u);
+  EXPECT_EQ(morv_fork_modified_sectors(img->fork, 0), 5u);
+  EXPECT_EQ(morv_fork_dirty_items(img->fork), 1u);
   img->write(1048576 - 256, bytes_of(512, 2));
-  EXPECT_EQ(img->priv()->dirty_items, 2u);
-  EXPECT_EQ(item0->modified, 6u);
+  EXPECT_EQ(morv_fork_dirty_items(img->fork), 2u);
+  EXPECT_EQ(morv_fork_modified_sectors(img->fork, 0), 6u);
   EXPECT_EQ(img->file.read_all(), original);
   // A sector written whole and never read is served from the cache: reading
   // it from the device now would lose the write.
@@ -188,8 +189,8 @@ TEST(ForkWrite, CacheOnlyThenFlushWritesModifiedRuns) {
                                          {MORV_SEAM_WRITE, img->device_offset(1048576), 512}};
   EXPECT_EQ(g_requests, expected);
   EXPECT_EQ(img->file.read_all(), img->disk);
-  EXPECT_EQ(img->priv()->dirty_items, 0u);
-  EXPECT_EQ(item0->modified, 0u);
+  EXPECT_EQ(morv_fork_dirty_items(img->fork), 0u);
+  EXPECT_EQ(morv_fork_modified_sectors(img->fork, 0), 0u);
   img->observe();
   ASSERT_EQ(morv_fork_flush(img->fork), MORV_OK);
   EXPECT_TRUE(g_requests.empty());
@@ -224,8 +225,17 @@ TEST(ForkWrite, FillAndBounds) {
   std::fill_n(img.disk.begin() + 8 * 512 + 100, 3, 0x77);
   std::fill_n(img.disk.begin() + 8 * 512 + 1000, 5000, 0xA5);
   EXPECT_EQ(img.file.read_all(), img.disk);
-  uint8_t byte = 0;
+  // An empty write, even without a buffer or at the fork's end, does nothing.
+  morv_seam_reset_stats();
   size_t written = 9;
+  EXPECT_EQ(morv_fork_write(img.fork, 0, nullptr, 0, &written), MORV_OK);
+  EXPECT_EQ(morv_fork_write(img.fork, 40 * 512, nullptr, 0, &written), MORV_OK);
+  EXPECT_EQ(written, 0u);
+  ASSERT_EQ(morv_fork_flush(img.fork), MORV_OK);
+  const morv_seam_stats stats = morv_seam_get_stats();
+  EXPECT_EQ(stats.allocs + stats.reads + stats.writes, 0u);
+  uint8_t byte = 0;
+  written = 9;
   EXPECT_LOGGED(morv_fork_fill(img.fork, 40 * 512 - 10, 11, 0, &filled), MORV_ERR_INVALID_ARGUMENT,
                 "Attempted to fill outside allocated fork size! Offset: 20470, Length: 11, fork data size: 20480\n");
   EXPECT_LOGGED(morv_fork_write(img.fork, 40 * 512, &byte, 1, &written), MORV_ERR_INVALID_ARGUMENT,

@@ -149,8 +149,21 @@ TEST(VolumeLabel, RenamesTheRootFolderOnlyInTheCatalog) {
   EXPECT_EQ(v.label(), std::u16string(60, u'y'));
   EXPECT_EQ(v.file.read_all(), pristine);
   EXPECT_EQ(std::vector<uint8_t>(v.volume->header, v.volume->header + vh::kSize), header_before);
-  ASSERT_EQ(morv_fork_flush(v.volume->catalog->priv->tree->fork), MORV_OK);
+  ASSERT_EQ(morv_catalog_flush(v.volume->catalog), MORV_OK);
   EXPECT_EQ(check_image(v.file.path()), "");
+
+  // An empty name would give the root folder no name, and another record
+  // its parent's thread key: refused before anything changes.
+  const auto renamed = v.file.read_all();
+  EXPECT_LOGGED(morv_volume_set_label(v.volume, nullptr, 0), MORV_ERR_INVALID_ARGUMENT, "too small");
+  Found root;
+  ASSERT_EQ(find(v.volume->catalog, kRootFolderCnid, 1, &root), MORV_OK);
+  EXPECT_LOGGED(morv_catalog_rename_record(v.volume->catalog, &root.result.locator,
+                                           on_disk(kRootParentCnid), nullptr, 0),
+                MORV_ERR_INVALID_ARGUMENT, "empty name");
+  ASSERT_EQ(morv_catalog_flush(v.volume->catalog), MORV_OK);
+  EXPECT_EQ(v.file.read_all(), renamed);
+  EXPECT_EQ(v.label(), std::u16string(60, u'y'));
 
   // update_fork_data touches exactly its field, and refuses CNIDs without one.
   uint8_t fork_data[forkdata::kSize];
@@ -189,7 +202,7 @@ TEST(VolumeLabel, InjectedFailuresLeaveTheCatalogAsItWas) {
       EXPECT_NE(err, MORV_OK) << "n=" << n;
       EXPECT_EQ(v.label(), u"Stable");
       // The catalog's cache is as it was: flushing it writes nothing new.
-      ASSERT_EQ(morv_fork_flush(v.volume->catalog->priv->tree->fork), MORV_OK);
+      ASSERT_EQ(morv_catalog_flush(v.volume->catalog), MORV_OK);
       ASSERT_EQ(v.file.read_all(), pristine) << "n=" << n;
     }
   }
@@ -224,7 +237,7 @@ TEST(VolumeLabel, ALabelNoLongerThanTheCurrentOneAlwaysFits) {
       ASSERT_EQ(morv_volume_set_label(v.volume, units.data(), units.size()), MORV_OK) << length;
       EXPECT_EQ(v.label(), label);
     }
-    ASSERT_EQ(morv_fork_flush(v.volume->catalog->priv->tree->fork), MORV_OK);
+    ASSERT_EQ(morv_catalog_flush(v.volume->catalog), MORV_OK);
     EXPECT_EQ(check_image(v.file.path()), "");
   }
 }
