@@ -850,6 +850,7 @@ morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, s
                          size_t* bytes_written) {
   if (bytes_written) *bytes_written = 0;
   morv_fork_private* priv = fork->priv;
+  ++priv->writes;  // counted before anything can fail: a failed write may have changed bytes
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / priv->cache_item_size;
   const uint64_t last = (offset + length - 1) / priv->cache_item_size;
@@ -912,6 +913,8 @@ uint8_t* allocate_fill_buffer(size_t* size) {
 }
 
 }  // namespace
+
+uint64_t morv_fork_write_count(const morv_fork* fork) { return fork->priv->writes; }
 
 morv_err morv_fork_fill(morv_fork* fork, uint64_t offset, uint64_t length, uint8_t value,
                         uint64_t* bytes_filled) {

@@ -46,6 +46,10 @@ void morv_fork_destroy(morv_fork** fork);
 // reaches the device before a flush.
 [[nodiscard]] morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer,
                                        size_t length, size_t* bytes_written);
+// Changes with every write into the fork's bytes (morv_fork_write and
+// morv_fork_fill), so that a client keeping its own copies of fork bytes can
+// tell whether anyone wrote since it last looked.
+uint64_t morv_fork_write_count(const morv_fork* fork);
 [[nodiscard]] morv_err morv_fork_fill(morv_fork* fork, uint64_t offset, uint64_t length,
                                       uint8_t value, uint64_t* bytes_filled);
 // Writes every modified sector back, each run of adjacent ones in one request.
@@ -127,6 +131,7 @@ struct morv_fork_private {
   uint32_t sector_size;  // the fork's I/O unit, a multiple of the device's sector
   morv_rwlock* dirty_lock;
   size_t dirty_items;  // items whose `modified` is not 0
+  uint64_t writes;     // morv_fork_write calls so far, failed ones included
 };
 
 // Called once per contiguous run of a fork byte range on the device.
