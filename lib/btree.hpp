@@ -141,6 +141,17 @@ void morv_btree_search_result_release(morv_btree_search_result* result);
                                                    const void* data, uint16_t data_size,
                                                    uint8_t* destination, uint16_t record_size);
 
+// Splits node `node_number` (not the root) in two: a claimed node takes its
+// records from `split_index` on, follows it on its level, and gets an index
+// record one level up. All or nothing; the lock must be held.
+[[nodiscard]] morv_err morv_btree_split_node(morv_btree* tree, uint32_t node_number,
+                                             uint16_t split_index, uint32_t* out_claimed);
+// Adds the index record (`key`, child number `child`) at index level
+// `height`, splitting as needed. MORV_ERR_EXISTS when the key is there.
+// All or nothing; the lock must be held.
+[[nodiscard]] morv_err morv_btree_add_index_record(morv_btree* tree, const uint8_t* key,
+                                                   uint8_t height, uint32_t child);
+
 // ---- Deletion ----
 
 // Removes the record of `locator`; the locator stays open, marked deleted.

@@ -64,6 +64,7 @@ struct morv_fork_private {
   uint32_t sector_size;  // the fork's I/O unit, a multiple of the device's sector
   morv_rwlock* dirty_lock;
   size_t dirty_items;  // items whose `modified` is not 0
+  uint64_t writes;     // changes to the fork's bytes or size so far, failed ones included
 };
 
 // Called once per contiguous run of a fork byte range on the device.
@@ -944,6 +945,7 @@ morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer, s
   if (bytes_written) *bytes_written = 0;
   if (length == 0) return MORV_OK;  // nothing to copy, read or mark, wherever it is
   morv_fork_private* priv = fork->priv;
+  ++priv->writes;  // counted before anything can fail: a failed write may have changed bytes
   const uint32_t s = priv->sector_size;
   const uint64_t first = offset / priv->cache_item_size;
   const uint64_t last = (offset + length - 1) / priv->cache_item_size;
@@ -1006,6 +1008,8 @@ uint8_t* allocate_fill_buffer(size_t* size) {
 }
 
 }  // namespace
+
+uint64_t morv_fork_write_count(const morv_fork* fork) { return fork->priv->writes; }
 
 morv_err morv_fork_fill(morv_fork* fork, uint64_t offset, uint64_t length, uint8_t value,
                         uint64_t* bytes_filled) {
@@ -1404,6 +1408,7 @@ void morv_fork_commit_resize(morv_fork* fork, morv_fork_resize* resize, const ui
   priv->extents = resize->extents;
   resolve_in_place(priv, fork_data);
   priv->logical_size = resize->logical_size;
+  ++priv->writes;
   *resize = morv_fork_resize{};
 }
 
@@ -1414,5 +1419,6 @@ void morv_fork_restore_size(morv_fork* fork, uint64_t logical_size, size_t slots
   // A larger items array stays; only its length goes back.
   priv->items_length = slots;
   priv->logical_size = logical_size;
+  ++priv->writes;
   resolve_in_place(priv, fork_data);
 }

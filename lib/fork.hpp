@@ -46,6 +46,10 @@ void morv_fork_destroy(morv_fork** fork);
 // reaches the device before a flush.
 [[nodiscard]] morv_err morv_fork_write(morv_fork* fork, uint64_t offset, const void* buffer,
                                        size_t length, size_t* bytes_written);
+// Changes with every write into the fork's bytes (morv_fork_write and
+// morv_fork_fill) and every resize, so that a client keeping its own copies
+// of fork bytes can tell whether anyone changed them since it last looked.
+uint64_t morv_fork_write_count(const morv_fork* fork);
 [[nodiscard]] morv_err morv_fork_fill(morv_fork* fork, uint64_t offset, uint64_t length,
                                       uint8_t value, uint64_t* bytes_filled);
 // Writes every modified sector back, each run of adjacent ones in one request.

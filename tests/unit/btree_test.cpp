@@ -4,6 +4,8 @@
 #include <random>
 
 #include "btree_test_support.hpp"
+#include "btree_cursor.hpp"
+#include "btree_internal.hpp"
 #include "catalog_model.hpp"
 
 using namespace btree_test;
@@ -444,4 +446,76 @@ TEST(BtreeLocators, AStaleLocatorIsNotReusedForAnotherRecord) {
   EXPECT_EQ(morv_btree_record_locator_write_data(stale, bytes.data(), 64), MORV_ERR_INTERNAL);
   morv_btree_record_locator_close(&fresh);
   morv_btree_record_locator_close(&stale);
+}
+
+// The two steps of a split as operations of their own: a leaf split at a
+// chosen record keeps every record in order and gets its index record; the
+// root is refused, and so is an index record that is there already, both
+// without a trace.
+TEST(BtreeSplits, SplitNodeAndAddIndexRecordKeepTheTreeWhole) {
+  Image image(kDeepExtents);
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  const auto model = tree_contents(tree);
+  const ExtKey middle = std::next(model.begin(), model.size() / 2)->first;
+  const uint32_t leaf = node_of(tree, middle);
+  const uint16_t count = node_records(tree, leaf);
+  const std::vector<ExtKey> keys = leaf_keys(tree, middle);
+  ASSERT_GE(count, 2);
+  ASSERT_EQ(keys.size(), count);
+  uint32_t claimed = 0;
+  ASSERT_EQ(morv_btree_split_node(tree, leaf, static_cast<uint16_t>(count / 2), &claimed), MORV_OK);
+  EXPECT_EQ(node_records(tree, leaf), count / 2);
+  EXPECT_EQ(node_records(tree, claimed), count - count / 2);
+  EXPECT_EQ(load_be32(read_fork(tree, uint64_t{leaf} * tree->node_size, 4).data()), claimed);
+  EXPECT_EQ(tree_contents(tree), model);
+  const Header h = read_header(tree);
+  const auto before = read_fork(tree, 0, *tree->fork->logical_size);
+  uint32_t none = 0;
+  EXPECT_THAT(logged([&] {
+                EXPECT_EQ(morv_btree_split_node(tree, h.root, 1, &none), MORV_ERR_INTERNAL);
+              }),
+              HasSubstr("Unable to split root node.\n"));
+  // The claimed node's first key leads to it from the level above already.
+  const Key key = ext_key(keys[count / 2]);
+  EXPECT_EQ(node_of(tree, keys[count / 2]), claimed);
+  EXPECT_THAT(logged([&] {
+                EXPECT_EQ(morv_btree_add_index_record(tree, key.data(), 2, claimed),
+                          MORV_ERR_EXISTS);
+              }),
+              HasSubstr("Index record that we wanted to add already exists.\n"));
+  EXPECT_EQ(none, 0u);
+  EXPECT_TRUE(read_fork(tree, 0, before.size()) == before);
+  ASSERT_EQ(morv_fork_flush(tree->fork), MORV_OK);
+  EXPECT_EQ(check_structure(image.path()), "");
+}
+
+// A cursor walks a level both ways across the sibling links: forward from
+// the first record and back from the last, every record once, in order.
+TEST(BtreeCursor, StepsForwardAndBackThroughEveryLeaf) {
+  Image image(kDeepExtents);
+  ASSERT_EQ(image.open_extents(), MORV_OK);
+  morv_btree* tree = image.tree();
+  std::vector<ExtKey> expected;
+  for (const auto& [key, record] : tree_contents(tree)) expected.push_back(key);
+  morv_bt::tree_header h;
+  ASSERT_EQ(morv_bt::read_tree_header(tree, &h), MORV_OK);
+  ASSERT_GE(h.depth(), 2);
+  const auto walk_level = [&](const ExtKey& from, bool forward) {
+    morv_bt::cursor c;
+    const Key key = ext_key(from);
+    EXPECT_EQ(morv_bt::descend(tree, h, key.data(), h.root(), static_cast<uint8_t>(h.depth()), 1, &c),
+              MORV_OK);
+    std::vector<ExtKey> seen;
+    for (bool end = false; !end && seen.size() <= expected.size();) {
+      seen.push_back(ext_tuple(c.node->key(c.path.index[c.path.last()])));
+      EXPECT_EQ(forward ? morv_bt::cursor_next(tree, h, &c, &end)
+                        : morv_bt::cursor_prev(tree, h, &c, &end),
+                MORV_OK);
+    }
+    return seen;
+  };
+  EXPECT_EQ(walk_level(expected.front(), true), expected);
+  const std::vector<ExtKey> back = walk_level(expected.back(), false);
+  EXPECT_TRUE(std::equal(back.rbegin(), back.rend(), expected.begin(), expected.end()));
 }
