@@ -1,7 +1,7 @@
 // Fuzz target: reading, showing and replaying a hostile journal.
 //
 // The input holds the pieces of a journaled volume that the journal code
-// reads, placed on a 1 MiB device whose other bytes are a fixed pattern:
+// reads, placed on a 512 KiB device whose other bytes are a fixed pattern:
 //   [0, 512)        the volume header (device bytes 1024..1535)
 //   [512, 1024)     the journal info block, at journalInfoBlock x blockSize
 //   [1024, 33792)   the start of the journal (its header, then the buffer)
@@ -27,7 +27,7 @@
 
 namespace {
 
-constexpr size_t kDevice = 1 << 20;
+constexpr size_t kDevice = 512 * 1024;
 constexpr size_t kHeaderPiece = 512;
 constexpr size_t kInfoPiece = 512;
 constexpr size_t kHeadPiece = 32768;

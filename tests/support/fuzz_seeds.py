@@ -349,9 +349,9 @@ def unicode_seeds():
 
 # fuzz_journal takes the pieces of a journaled volume that the journal code
 # reads (see fuzz_journal.cpp): the volume header, the info block, the first
-# 32 KiB of the journal and its last bytes, from 1 MiB builder volumes whose
+# 32 KiB of the journal and its last bytes, from 512 KiB builder volumes whose
 # transactions fit a 256 KiB journal.
-JOURNAL_BASE = ["--size", "1048576", "--journal-size", "262144", "--files", "6",
+JOURNAL_BASE = ["--size", "524288", "--journal-size", "262144", "--files", "6",
                 "--journal", "dirty"]
 JOURNAL_SHAPES = {
     "dirty": [],

@@ -39,6 +39,13 @@ Layout choices made here (all allowed by the format):
     directly in the root, or in chains of --nesting; file i goes to the root
     (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
   * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
+With --journal dirty the journal holds one transaction per --journal-rename
+(default one rename to LABEL + " 2"): the sectors in which the volume built
+with the new label differs from the one before, and the volume header sector.
+--journal-applied writes the image a correct replay leaves (the journal marked
+clean with start = end), or the image itself when nothing may be replayed
+(--journal-stale, --journal-damage).  The journal writer shares no code with
+the library or the checker.
 --info prints a JSON summary (tree depths, node counts, root node numbers,
 catalog extents) for tests that need to know the shape they got; with
 --info-entries it also lists every folder and file (path, CNID, size, SHA-256

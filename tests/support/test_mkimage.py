@@ -489,7 +489,7 @@ class MkimageTest(unittest.TestCase):
                   ["--journal-format", "old"], "Vol 2"))
         for shape, journal, final in cases:
             with self.subTest(shape=shape, journal=journal):
-                common = ["--size", 8 << 20, "--files", 60, "--folders", 3] + shape
+                common = ["--size", 4 << 20, "--files", 30, "--folders", 3] + shape
                 applied = os.path.join(self.tmp, "a.img")
                 dirty = Image(self.build("d.img", "--label", "Vol", "--journal", "dirty",
                                          "--journal-applied", applied, *common, *journal))
