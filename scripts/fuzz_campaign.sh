@@ -4,7 +4,7 @@
 #
 #   bash scripts/fuzz_campaign.sh [--time SECONDS] [--jobs N] [--keep-going] [TARGET ...]
 #
-#   TARGET        print, change, btree, unicode, alloc (default: all five)
+#   TARGET        print, change, btree, unicode, alloc, journal (default: all six)
 #   --time S      seconds of fuzzing per target (default 900)
 #   --jobs N      parallel workers per target (libFuzzer -fork=N; default 1)
 #   --keep-going  go on after a crash, hang or leak (fork mode) and collect
@@ -44,11 +44,11 @@ while (($#)); do
     --build) dir=$2; shift 2 ;;
     --no-build) build=0; shift ;;
     --smoke) smoke=1; shift ;;
-    print|change|btree|unicode|alloc) targets+=("$1"); shift ;;
+    print|change|btree|unicode|alloc|journal) targets+=("$1"); shift ;;
     *) echo "fuzz_campaign.sh: unknown argument: $1" >&2; exit 2 ;;
   esac
 done
-((${#targets[@]})) || targets=(print change btree unicode alloc)
+((${#targets[@]})) || targets=(print change btree unicode alloc journal)
 
 if ((build)); then
   cmake -S tests/fuzz -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Independent consistency checker for an unmounted HFS+ / HFSX volume image.
 
-usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only] [-v]
+usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only]
+                           [--no-replay] [--replayed OUT] [-v]
 
 Reads the volume with its own reading of the published format (Apple TN1150),
 sharing nothing with the C++ library or the image builder, and prints one line
@@ -21,6 +22,12 @@ Layout reminders (all integers big-endian):
   catalog key       keyLength u16, parentID u32, name length u16, UTF-16 units
   extents key       keyLength u16 (10), forkType u8, pad u8, fileID u32,
                     startBlock u32; record: eight extents
+
+A journaled volume is checked as it will read after its journal is replayed:
+a dirty journal (not stale: lastMountedVersion HFSJ) is applied in memory
+first, and a damaged journal is a violation (the volume is then checked as it
+lies).  --no-replay checks the volume as it lies; --replayed OUT also writes
+the replayed image (the journal marked clean) to OUT.
 
 --allow-orphan-blocks stops reporting blocks that the allocation bitmap marks
 but nothing uses: such a block only wastes space (fsck_hfs calls it a minor
@@ -192,6 +199,183 @@ class ForkData:
 
 def parse_extent_record(raw):
     return [(be32(raw, 8 * i), be32(raw, 8 * i + 4)) for i in range(8)]
+
+
+# ---------------------------------------------------------------- journal
+#
+# A journaled volume (attributes bit 13) names its journal info block in the
+# volume header (journalInfoBlock, offset 12); the info block (big-endian)
+# gives flags, the journal's byte offset (36) and size (44).  The journal's
+# header and block lists are in the byte order its magic reveals; a
+# transaction's sectors land at bnum x jhdr_size from the start of the device.
+# The checker replays a dirty journal in memory and checks the result: the
+# volume as the next mount will see it.
+
+ATTR_JOURNALED = 1 << 13
+JIB_IN_FS, JIB_OTHER_DEVICE, JIB_NEED_INIT = 1, 2, 4
+JNL_MAGIC, JNL_MAGIC_OLD, JNL_ENDIAN = 0x4A4E4C78, 0x4A484452, 0x12345678
+JNL_KILLED = (1 << 64) - 1
+JNL_MIN, JNL_MAX = 256 * 1024, 1 << 30
+
+
+def jnl_checksum(raw):
+    acc = 0
+    for b in raw:
+        acc = ((acc << 8) ^ (acc + b)) & 0xFFFFFFFF
+    return acc ^ 0xFFFFFFFF
+
+
+class JournalDamage(Exception):
+    pass
+
+
+class Journal:
+    """Reads the journal of a volume image (bytes-like, from the device's
+    start) and works out the writes its replay makes.  `state` ends as
+    "none", "uninitialised", "clean", "stale" or "dirty"; damage raises
+    JournalDamage with what is wrong."""
+
+    def __init__(self, data):
+        self.data = data
+        self.writes = []          # (device offset, bytes) in replay order
+        self.header_at = None
+        self.clean_header = None
+        self.state = "none"
+        vh = bytes(data[VH_OFFSET:VH_OFFSET + VH_SIZE])
+        if len(vh) < VH_SIZE or not be32(vh, 4) & ATTR_JOURNALED:
+            return
+        bs = be32(vh, 40)
+        if bs < 512 or bs & (bs - 1):
+            return                # the header check reports it
+        self.volume_bytes = be32(vh, 44) * bs
+        self.jib_at = be32(vh, 12) * bs
+        jib = bytes(data[self.jib_at:self.jib_at + 180])
+        if len(jib) < 180 or self.jib_at + 180 > self.volume_bytes:
+            raise JournalDamage("journal info block %d lies outside the volume" % be32(vh, 12))
+        flags, offset, size = be32(jib, 0), be64(jib, 36), be64(jib, 44)
+        if flags & JIB_NEED_INIT:
+            self.state = "uninitialised"
+            return
+        if flags & ~(JIB_IN_FS | JIB_OTHER_DEVICE | JIB_NEED_INIT):
+            raise JournalDamage("journal info block flags 0x%x have undefined bits" % flags)
+        if not flags & JIB_IN_FS or flags & JIB_OTHER_DEVICE:
+            raise JournalDamage("journal is on another device (info block flags 0x%x)" % flags)
+        if offset + size > self.volume_bytes or offset + size > len(data):
+            raise JournalDamage("journal at %d, %d bytes, runs past the volume" % (offset, size))
+        if offset < VH_OFFSET + VH_SIZE or (offset < self.jib_at + bs and self.jib_at < offset + size):
+            raise JournalDamage("journal at %d overlaps the volume header or its info block" % offset)
+        self.offset, self.size, self.jib_size = offset, size, size
+        self.read_header(bytes(data[offset:offset + 48]), be32(vh, 8) == 0x4846534A)
+
+    def read_header(self, h, hfsj):
+        if struct.unpack(">I", h[0:4])[0] in (JNL_MAGIC, JNL_MAGIC_OLD):
+            order = ">"
+        elif struct.unpack("<I", h[0:4])[0] in (JNL_MAGIC, JNL_MAGIC_OLD):
+            order = "<"
+        else:
+            raise JournalDamage("journal header magic %s is unknown" % h[0:4].hex())
+        magic, endian, start, end, size, blhdr, checksum, jhdr, _ = struct.unpack(order + "IIQQQIIII", h[:48])
+        self.order = order
+        if endian != JNL_ENDIAN:
+            raise JournalDamage("journal header endian word 0x%08x is not 0x12345678" % endian)
+        if magic == JNL_MAGIC:
+            raw = bytearray(h[:44])
+            raw[36:40] = bytes(4)
+            if jnl_checksum(raw) != checksum:
+                raise JournalDamage("journal header checksum 0x%08x, computed 0x%08x"
+                                    % (checksum, jnl_checksum(raw)))
+        if jhdr < 512 or jhdr & (jhdr - 1):
+            raise JournalDamage("journal sector size %d is not a power of two of 512 or more" % jhdr)
+        if size != self.jib_size or size % jhdr or not JNL_MIN <= size <= JNL_MAX:
+            raise JournalDamage("journal size %d (info block: %d) is unusable" % (size, self.jib_size))
+        for name, v in (("start", start), ("end", end)):
+            if not jhdr <= v <= size or v % 512:
+                raise JournalDamage("journal %s %d is outside [%d, %d] or not sector aligned"
+                                    % (name, v, jhdr, size))
+        if blhdr == 0 or blhdr % jhdr or blhdr > size - jhdr:
+            raise JournalDamage("block list header size %d does not fit the journal" % blhdr)
+        self.jhdr, self.blhdr = jhdr, blhdr
+        start, end = (jhdr if start == size else start), (jhdr if end == size else end)
+        if start == end:
+            self.state = "clean"
+            return
+        if not hfsj:
+            self.state = "stale"
+            return
+        self.state = "dirty"
+        self.walk(start, end)
+        clean = bytearray(self.data[self.offset:self.offset + jhdr])
+        struct.pack_into(order + "Q", clean, 8, struct.unpack_from(order + "Q", clean, 16)[0])
+        if magic == JNL_MAGIC:
+            struct.pack_into(order + "I", clean, 36, 0)
+            struct.pack_into(order + "I", clean, 36, jnl_checksum(bytes(clean[:44])))
+        self.header_at, self.clean_header = self.offset, bytes(clean)
+
+    def ring(self, pos, n):
+        """n bytes of the buffer at pos, going round from the end to jhdr."""
+        out = b""
+        while len(out) < n:
+            take = min(n - len(out), self.size - pos)
+            out += bytes(self.data[self.offset + pos:self.offset + pos + take])
+            pos = self.jhdr if pos + take == self.size else pos + take
+        return out
+
+    def walk(self, start, end):
+        capacity = self.size - self.jhdr
+        left = (end - start) % capacity
+        pos, prev_seq, o = start, None, self.order
+        while left > 0:
+            where = "block list at journal offset %d" % pos
+            area = self.ring(pos, self.blhdr)
+            max_blocks, num_blocks, used, checksum, flags = struct.unpack_from(o + "HHIII", area, 0)
+            raw = bytearray(area[:32])
+            raw[8:12] = bytes(4)
+            if jnl_checksum(raw) != checksum:
+                raise JournalDamage("%s: checksum mismatch" % where)
+            if max_blocks < 1 or not 1 <= num_blocks <= max_blocks or 16 + 16 * num_blocks > self.blhdr:
+                raise JournalDamage("%s: %d entries of %d" % (where, num_blocks, max_blocks))
+            entries = [struct.unpack_from(o + "QII", area, 16 + 16 * i) for i in range(1, num_blocks)]
+            total = 0
+            for bnum, bsize, _ in entries:
+                if bsize == 0 or bsize % self.jhdr:
+                    raise JournalDamage("%s: block of %d bytes" % (where, bsize))
+                if bnum != JNL_KILLED:
+                    lo, hi = bnum * self.jhdr, bnum * self.jhdr + bsize
+                    if hi > len(self.data):
+                        raise JournalDamage("%s: block %d runs past the device" % (where, bnum))
+                    if lo < self.offset + self.size and self.offset < hi or \
+                            lo < self.jib_at + 512 and self.jib_at < hi:
+                        raise JournalDamage("%s: block %d writes into the journal" % (where, bnum))
+                total += bsize
+            if used != self.blhdr + total or used > left:
+                raise JournalDamage("%s: bytes_used %d, entries need %d, %d left"
+                                    % (where, used, self.blhdr + total, left))
+            seq = struct.unpack_from(o + "I", area, 28)[0]
+            if flags:
+                if prev_seq and seq and seq not in (prev_seq, (prev_seq + 1) & 0xFFFFFFFF):
+                    raise JournalDamage("%s: sequence %d after %d" % (where, seq, prev_seq))
+                prev_seq = seq
+            at = (pos - self.jhdr + self.blhdr) % capacity + self.jhdr
+            for bnum, bsize, check in entries:
+                block = self.ring(at, bsize)
+                if flags & 1 and check and bnum != JNL_KILLED and jnl_checksum(block) != check:
+                    raise JournalDamage("%s: data checksum of block %d" % (where, bnum))
+                if bnum != JNL_KILLED:
+                    self.writes.append((bnum * self.jhdr, block))
+                at = (at - self.jhdr + bsize) % capacity + self.jhdr
+            pos = (pos - self.jhdr + used) % capacity + self.jhdr
+            left -= used
+
+    def replayed(self):
+        """The image after replay (a copy), or the data itself when nothing
+        is to be replayed."""
+        if not self.writes and self.clean_header is None:
+            return self.data
+        out = bytearray(self.data)
+        for at, block in self.writes:
+            out[at:at + len(block)] = block
+        out[self.header_at:self.header_at + len(self.clean_header)] = self.clean_header
+        return out
 
 
 class Volume:
@@ -914,6 +1098,8 @@ def main(argv):
     verbose = False
     allow_orphans = False
     structure_only = False
+    replay = True
+    replayed_out = None
     offset = 0
     image = None
     try:
@@ -925,6 +1111,10 @@ def main(argv):
                 allow_orphans = True
             elif a == "--structure-only":
                 structure_only = True
+            elif a == "--no-replay":
+                replay = False
+            elif a == "--replayed":
+                replayed_out = args.pop(0)
             elif a == "--offset":
                 offset = int(args.pop(0), 0)
             elif a.startswith("--offset="):
@@ -936,7 +1126,8 @@ def main(argv):
         if image is None or offset < 0:
             raise ValueError("missing image")
     except (ValueError, IndexError):
-        sys.stderr.write("usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only] [-v]\n")
+        sys.stderr.write("usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] "
+                         "[--structure-only] [--no-replay] [--replayed OUT] [-v]\n")
         return 2
     try:
         f = open(image, "rb")
@@ -951,6 +1142,20 @@ def main(argv):
         else:
             mm, data = None, b""
         report = Report()
+        if replay:
+            try:
+                data = Journal(data).replayed()
+            except JournalDamage as e:
+                report.add("journal", str(e))
+            except (IndexError, struct.error, ValueError, OverflowError, MemoryError) as e:
+                report.add("journal", "stopped on unreadable data (%s: %s)" % (type(e).__name__, e))
+        if replayed_out is not None:
+            try:
+                with open(replayed_out, "wb") as out:
+                    out.write(data)
+            except OSError as e:
+                sys.stderr.write("checkimage: %s: %s\n" % (replayed_out, e.strerror))
+                return 2
         vol = Volume(data, report)
         vol.allow_orphans = allow_orphans
         vol.structure_only = structure_only

@@ -3,7 +3,7 @@
 
     fuzz_seeds.py OUT_DIR
 
-Writes OUT_DIR/print, change, btree, alloc and unicode.  The volume seeds
+Writes OUT_DIR/print, change, btree, alloc, unicode and journal.  The volume seeds
 are small volumes of every shape tests/support/mkimage.py makes (HFS+ and HFSX, block
 and node sizes, fragmented catalog, overflow extents, deep and scattered
 trees, full and empty catalogs, and each of its --corrupt damages), each on
@@ -362,6 +362,58 @@ def unicode_seeds():
     return seeds
 
 
+# ---------------------------------------------------------------- journal
+
+# fuzz_journal takes the pieces of a journaled volume that the journal code
+# reads (see fuzz_journal.cpp): the volume header, the info block, the first
+# 32 KiB of the journal and its last bytes, from 512 KiB builder volumes whose
+# transactions fit a 256 KiB journal.
+JOURNAL_BASE = ["--size", "524288", "--journal-size", "262144", "--files", "6",
+                "--journal", "dirty"]
+JOURNAL_SHAPES = {
+    "dirty": [],
+    "big-endian": ["--journal-byte-order", "big"],
+    "wrap-header": ["--journal-wrap", "header", "--journal-killed"],
+    "wrap-data": ["--journal-wrap", "data", "--journal-rename", "A", "--journal-rename", "Bee"],
+    "lists": ["--journal-list-entries", "1", "--journal-rename", "A", "--journal-rename", "B"],
+    "old": ["--journal-format", "old", "--journal-byte-order", "big"],
+    "sector4k": ["--journal-sector", "4096", "--journal-blhdr", "8192"],
+    "stale": ["--journal-stale"],
+    "clean": ["--journal", "clean"],
+    "uninitialised": ["--journal", "uninitialised"],
+}
+JOURNAL_HEAD = 32768
+
+
+def journal_seed(image):
+    vh = image[1024:1536]
+    bs = struct.unpack_from(">I", vh, 40)[0]
+    info = struct.unpack_from(">I", vh, 12)[0] * bs
+    offset, size = struct.unpack_from(">QQ", image, info + 36)
+    journal = image[offset:offset + size]
+    tail = journal[JOURNAL_HEAD:].rstrip(b"\0")
+    end = journal[len(journal) - 30720:] if len(tail) > len(journal) - JOURNAL_HEAD - 30720 else b""
+    return vh + image[info:info + 512] + journal[:JOURNAL_HEAD] + end
+
+
+def journal_seeds(work):
+    from mkimage import JOURNAL_DAMAGE  # noqa: E402
+    shapes = dict(JOURNAL_SHAPES)
+    for kind in JOURNAL_DAMAGE:
+        shapes["damage-" + kind] = ["--journal-rename", "A", "--journal-rename", "B",
+                                    "--journal-damage", kind]
+    seeds = {}
+    for name, options in shapes.items():
+        path = os.path.join(work, "journal.img")
+        out = subprocess.run([sys.executable, MKIMAGE, path, "--label", LABEL] + JOURNAL_BASE
+                             + options, capture_output=True, text=True)
+        if out.returncode != 0:
+            raise SystemExit("fuzz_seeds: journal %s: %s" % (name, out.stderr.strip()))
+        with open(path, "rb") as f:
+            seeds[name] = journal_seed(f.read())
+    return seeds
+
+
 # ---------------------------------------------------------------- output
 
 def write(directory, name, data):
@@ -376,7 +428,7 @@ def main(argv):
         return 2
     out = argv[1]
     work = os.path.join(out, "work")
-    for sub in ("print", "change", "btree", "unicode", "alloc", "work"):
+    for sub in ("print", "change", "btree", "unicode", "alloc", "journal", "work"):
         shutil.rmtree(os.path.join(out, sub), ignore_errors=True)
     os.makedirs(work)
     images = {}
@@ -410,6 +462,8 @@ def main(argv):
             write(os.path.join(out, target), name, boots[target].ljust(BOOT, b"\0") + image[BOOT:])
     for name, data in unicode_seeds().items():
         write(os.path.join(out, "unicode"), name, data)
+    for name, data in journal_seeds(work).items():
+        write(os.path.join(out, "journal"), name, data)
     shutil.rmtree(work)
     return 0
 

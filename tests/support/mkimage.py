@@ -15,7 +15,7 @@ Layout choices made here (all allowed by the format):
   * allocation blocks in order: reserved blocks covering bytes 0..1535 (boot
     blocks and volume header), allocation file, extents overflow file, catalog
     fragments separated by one free block, with --journal the journal info
-    block and the journal (64 KiB in whole blocks), then the one-block extents
+    block and the journal (--journal-size, default 512 KiB, in whole blocks), then the one-block extents
     of the fragmented files, each followed by a free block; the block(s)
     holding the last 1024 bytes of totalBlocks x blockSize are allocated;
   * with --journal the info block and the journal are the data forks of the
@@ -39,6 +39,13 @@ Layout choices made here (all allowed by the format):
     directly in the root, or in chains of --nesting; file i goes to the root
     (i mod (folders + 1) = 0) or to folder i mod (folders + 1);
   * HFSX folders carry kHFSHasFolderCountMask with their subfolder count.
+With --journal dirty the journal holds one transaction per --journal-rename
+(default one rename to LABEL + " 2"): the sectors in which the volume built
+with the new label differs from the one before, and the volume header sector.
+--journal-applied writes the image a correct replay leaves (the journal marked
+clean with start = end), or the image itself when nothing may be replayed
+(--journal-stale, --journal-damage).  The journal writer shares no code with
+the library or the checker.
 --info prints a JSON summary (tree depths, node counts, root node numbers,
 catalog extents) for tests that need to know the shape they got; with
 --info-entries it also lists every folder and file (path, CNID, size, SHA-256
@@ -53,6 +60,7 @@ import hashlib
 import json
 import os
 import random
+import shutil
 import struct
 import sys
 import unicodedata
@@ -106,9 +114,10 @@ JIB_NEED_INIT = 0x4
 # marker, start, end, size (u64 each), blhdr_size, checksum, jhdr_size.
 JOURNAL_MAGIC = 0x4A4E4C78               # "JNLx"
 JOURNAL_ENDIAN = 0x12345678
-JOURNAL_HEADER_SIZE = 512                 # jhdr_size: the header's sector
-JOURNAL_BLOCK_LIST_SIZE = 4096            # blhdr_size
-JOURNAL_BYTES = 65536                     # the journal file, rounded up to whole blocks
+JOURNAL_HEADER_SIZE = 512                 # jhdr_size default: the header's sector
+JOURNAL_BLOCK_LIST_SIZE = 4096            # blhdr_size default
+JOURNAL_BYTES = 512 * 1024                # the journal file, rounded up to whole blocks
+LAST_MOUNTED_STALE = b"H+Lx"              # a writer that ignores the journal
 JOURNAL_STATES = ("clean", "uninitialised", "dirty", "other-device", "damaged")
 JOURNAL_INFO_NAME = ".journal_info_block"
 JOURNAL_NAME = ".journal"
@@ -712,7 +721,7 @@ class Volume:
         journal_exts = {}
         journal_files = [e[2] for e in entries if isinstance(e[2], tuple) and e[2][0] == "journal"]
         for _, cid, role in sorted(journal_files, key=lambda f: f[2] != "info"):
-            count = 1 if role == "info" else -(-JOURNAL_BYTES // bs)
+            count = 1 if role == "info" else journal_bytes(o) // bs
             journal_exts[cid] = (role, blk, count)
             blk += count
         file_exts = {}
@@ -944,8 +953,17 @@ class Volume:
             files.append(("journal", JOURNAL_NAME))
         return files
 
+    def last_mounted_version(self):
+        o = self.o
+        if not o.journal:
+            return 0x3130_2E30                       # "10.0"
+        if o.journal_stale:
+            return struct.unpack(">I", LAST_MOUNTED_STALE)[0]
+        return LAST_MOUNTED_JOURNALED
+
     def journal_blocks(self):
-        """(byte offset, bytes) of the journal info block and journal header."""
+        """(byte offset, bytes) of the journal info block and journal header
+        (for a dirty journal: the whole journal)."""
         o = self.o
         if not o.journal:
             return []
@@ -953,23 +971,20 @@ class Volume:
         info_start = self.journal_exts["info"][0]
         if o.journal == "other-device":
             return [(info_start * bs, JIB.pack(JIB_ON_OTHER_DEVICE, bytes(32), 0, 0))]
+        if getattr(self, "dirty", None) is not None:
+            return self.dirty.blocks
         start, count = self.journal_exts["journal"]
         flags = JIB_IN_FS | (JIB_NEED_INIT if o.journal == "uninitialised" else 0)
         blocks = [(info_start * bs, JIB.pack(flags, bytes(32), start * bs, count * bs))]
-        if o.journal in ("clean", "dirty"):
+        if o.journal == "clean":
             blocks.append((start * bs, self.journal_header(count * bs)))
         return blocks
 
     def journal_header(self, size):
-        """A journal header in the chosen byte order; a dirty journal holds
-        one transaction (start != end)."""
-        order = "<" if self.o.journal_byte_order == "little" else ">"
-        layout = struct.Struct(order + "IIQQQIII")
-        end = JOURNAL_HEADER_SIZE + (JOURNAL_BLOCK_LIST_SIZE if self.o.journal == "dirty" else 0)
-        fields = [JOURNAL_MAGIC, JOURNAL_ENDIAN, JOURNAL_HEADER_SIZE, end, size,
-                  JOURNAL_BLOCK_LIST_SIZE, 0, JOURNAL_HEADER_SIZE]
-        fields[6] = journal_checksum(layout.pack(*fields))
-        return layout.pack(*fields)
+        """A clean journal header in the chosen byte order."""
+        o = self.o
+        return JournalHeader(o.journal_byte_order, o.journal_sector, o.journal_blhdr, size,
+                             o.journal_sequence).pack()
 
     # ---- output
 
@@ -985,7 +1000,7 @@ class Volume:
         sig, version = (b"HX", 5) if o.hfsx else (b"H+", 4)
         if o.corrupt == "bad-signature":
             sig = b"BD"
-        uuid = hashlib.sha256(("%d:%s" % (o.seed, o.label)).encode()).digest()[:8]
+        uuid = hashlib.sha256(("%d:%s" % (o.seed, getattr(o, "uuid_label", o.label))).encode()).digest()[:8]
         finder = struct.pack(">6I", 0, 0, 0, 0, 0, 0) + uuid
         forks = b""
         for name in ("allocation", "extents", "catalog"):
@@ -996,7 +1011,7 @@ class Volume:
         forks += bytes(160)
         info_block = self.journal_exts.get("info", (0, 0))[0]
         hdr = (sig + struct.pack(">HIIIIIIIIIIIIIIIIIQ", version, self.attributes(),
-                                 LAST_MOUNTED_JOURNALED if o.journal else 0x3130_2E30,
+                                 self.last_mounted_version(),
                                  info_block, HFS_TIME, HFS_TIME, 0, HFS_TIME,
                                  self.file_count, self.folder_count, bs, self.total_blocks,
                                  self.free_blocks, self.next_allocation, 16 * bs, 16 * bs,
@@ -1093,6 +1108,249 @@ class Volume:
             out.append({"path": "/" + name, "cnid": cid, "type": "file", "size": len(data),
                         "sha256": hashlib.sha256(data).hexdigest()})
         return out
+
+
+# ---------------------------------------------------------------- the journal
+#
+# Journal header (one jhdr_size sector), block lists and their entries are in
+# the byte order of the machine that wrote them; the JIB and the sectors the
+# transactions carry are big-endian as always.  The buffer is the ring
+# [jhdr_size, size) of the journal; a transaction is one or more block lists,
+# each a blhdr_size area (header, entry 0, entries, filler) followed by the
+# data of its entries.
+
+JOURNAL_MAGIC_OLD = 0x4A484452            # "JHDR"
+JOURNAL_KILLED = 0xFFFFFFFFFFFFFFFF       # bnum of a killed entry
+JOURNAL_LIST_CHECKSUMS = 0x1              # block list flags: entries carry data checksums
+JOURNAL_LIST_FIRST = 0x2                  # block list flags: first list of its transaction
+JOURNAL_FILLER = 0x5A
+JOURNAL_DAMAGE = (
+    # The info block.
+    "jib-flags", "jib-not-in-fs", "jib-beyond", "jib-overlap",
+    # The header.
+    "magic", "endian", "header-checksum", "jhdr-size", "size-mismatch", "size-small",
+    "start-range", "end-align", "blhdr-zero", "blhdr-align", "blhdr-large", "past-end",
+    # The last block list of the journal.
+    "list-checksum", "max-blocks", "num-blocks", "bsize-zero", "bsize-align", "bnum-beyond",
+    "bytes-used", "sequence", "data-checksum", "into-journal", "into-jib",
+)
+
+
+def journal_bytes(o):
+    """Bytes of the journal (header sector and buffer): --journal-size rounded
+    up to whole allocation blocks and whole journal sectors."""
+    unit = max(o.block_size, o.journal_sector)
+    return -(-o.journal_size // unit) * unit
+
+
+class JournalHeader:
+    def __init__(self, order, jhdr, blhdr, size, sequence, start=None, end=None):
+        self.order = "<" if order == "little" else ">"
+        self.magic, self.endian = JOURNAL_MAGIC, JOURNAL_ENDIAN
+        self.jhdr, self.blhdr, self.size, self.sequence = jhdr, blhdr, size, sequence
+        self.start = jhdr if start is None else start
+        self.end = self.start if end is None else end
+        self.bad_checksum = False
+
+    def pack(self):
+        layout = struct.Struct(self.order + "IIQQQIIII")
+        fields = [self.magic, self.endian, self.start, self.end, self.size, self.blhdr, 0,
+                  self.jhdr, self.sequence]
+        checksum = journal_checksum(layout.pack(*fields)[:44])
+        fields[6] = checksum ^ (1 if self.bad_checksum else 0)
+        return layout.pack(*fields).ljust(self.jhdr, b"\0")
+
+
+class BlockList:
+    """One block list: entries are [bnum, bsize, data checksum, data]."""
+
+    def __init__(self, entries, o, sequence, first, more):
+        self.new = o.journal_format == "new"
+        self.max_blocks = o.journal_blhdr // 16 - 1
+        self.num_blocks = len(entries) + 1
+        self.bytes_used = o.journal_blhdr + sum(len(data) for _, data in entries)
+        self.flags = (JOURNAL_LIST_CHECKSUMS | (JOURNAL_LIST_FIRST if first else 0)) if self.new else 0
+        # Entry 0: newer writers keep "another list follows" in bnum and the
+        # sequence number in the last word; older ones use the last word as
+        # "next".
+        self.entry0 = [1 if more else 0, 0, sequence] if self.new else [0, 0, 1 if more else 0]
+        self.entries = []
+        for bnum, data in entries:
+            if not self.new:
+                check = 0xDEADBEEF                   # older writers: garbage
+            elif bnum == JOURNAL_KILLED:
+                check = 0
+            else:
+                check = journal_checksum(data)
+            self.entries.append([bnum, len(data), check, data])
+        self.bad_checksum = False
+
+    def pack(self, order, blhdr):
+        area = bytearray(bytes([JOURNAL_FILLER]) * blhdr if self.new else bytes(blhdr))
+        struct.pack_into(order + "HHIII", area, 0, self.max_blocks, self.num_blocks,
+                         self.bytes_used, 0, self.flags)
+        struct.pack_into(order + "QII", area, 16, *self.entry0)
+        for i, (bnum, bsize, check, _) in enumerate(self.entries, 1):
+            struct.pack_into(order + "QII", area, 16 + 16 * i, bnum, bsize, check)
+        checksum = journal_checksum(bytes(area[:32])) ^ (1 if self.bad_checksum else 0)
+        struct.pack_into(order + "I", area, 8, checksum)
+        return bytes(area) + b"".join(e[3] for e in self.entries)
+
+
+class DirtyJournal:
+    """A journal holding one transaction per --journal-rename (default one
+    rename to LABEL + " 2"): each carries the sectors in which the volume
+    renamed differs from the volume before, plus the volume header sector.
+    `blocks` are the pieces of the image to write, `applied` the whole image
+    as a correct replay leaves it (the image unchanged when the journal is
+    stale or damaged)."""
+
+    def __init__(self, o, vol, image_of):
+        self.o, self.vol = o, vol
+        bs = o.block_size
+        jhdr, blhdr = o.journal_sector, o.journal_blhdr
+        self.jib_at = vol.journal_exts["info"][0] * bs
+        jstart, jcount = vol.journal_exts["journal"]
+        self.offset, self.size = jstart * bs, jcount * bs
+        if not (power_of_two(jhdr) and jhdr >= 512 and blhdr % jhdr == 0 and blhdr >= 2 * 16
+                and self.size >= 256 * 1024 and o.size % jhdr == 0):
+            raise BuildError("journal sector %d, block list header %d and journal of %d bytes "
+                             "do not make a usable journal on %d bytes"
+                             % (jhdr, blhdr, self.size, o.size))
+        per_list = o.journal_list_entries or blhdr // 16 - 2
+        if not 1 <= per_list <= blhdr // 16 - 2:
+            raise BuildError("--journal-list-entries must be 1 to %d" % (blhdr // 16 - 2))
+        self.order = "<" if o.journal_byte_order == "little" else ">"
+        labels = o.journal_rename or [o.label + " 2"]
+        images = [image_of(o.label)] + [image_of(label) for label in labels]
+        chunk = max(4096, jhdr)
+        lists = []
+        for t, (before, after) in enumerate(zip(images, images[1:]), 1):
+            entries = []
+            for at in range(0, len(after), chunk):
+                if after[at:at + chunk] != before[at:at + chunk]:
+                    entries.append((at // jhdr, after[at:at + chunk]))
+            vh_at = 1024 // jhdr * jhdr
+            entries.append((vh_at // jhdr, after[vh_at:vh_at + max(512, jhdr)]))
+            if o.journal_killed:
+                entries.insert(1, (JOURNAL_KILLED, b"\xEE" * chunk))
+            groups = [entries[i:i + per_list] for i in range(0, len(entries), per_list)]
+            for g, group in enumerate(groups):
+                lists.append(BlockList(group, o, o.journal_sequence + t, g == 0,
+                                       g + 1 < len(groups)))
+        used = sum(l.bytes_used for l in lists)
+        capacity = self.size - jhdr
+        if used >= capacity:
+            raise BuildError("the transactions need %d bytes; the journal's buffer holds %d"
+                             % (used, capacity - 1))
+        start = jhdr
+        if o.journal_wrap == "header":
+            if blhdr < 2 * jhdr:
+                raise BuildError("--journal-wrap header needs a block list header of two sectors")
+            start = self.size - blhdr // jhdr // 2 * jhdr
+        elif o.journal_wrap == "data":
+            start = self.size - blhdr - jhdr
+        end = self.advance(start, used)
+        self.header = JournalHeader(o.journal_byte_order, jhdr, blhdr, self.size,
+                                    o.journal_sequence + len(labels)
+                                    if o.journal_format == "new" else 0, start, end)
+        self.jib = [JIB_IN_FS, self.offset, self.size]
+        self.lists = lists
+        self.damage(o.journal_damage)
+        ring = bytearray(self.size)
+        pos = start
+        for l in lists:
+            self.put(ring, pos, l.pack(self.order, blhdr))
+            pos = self.advance(pos, l.bytes_used)
+        ring[:jhdr] = self.header.pack()
+        jib = JIB.pack(self.jib[0], bytes(32), self.jib[1], self.jib[2])
+        self.blocks = [(self.jib_at, jib), (self.offset, bytes(ring))]
+        if o.journal_damage or o.journal_stale:
+            self.applied = None                      # nothing is replayed
+        else:
+            applied = bytearray(images[-1])
+            self.header.start = self.header.end
+            ring[:jhdr] = self.header.pack()
+            applied[self.jib_at:self.jib_at + len(jib)] = jib
+            applied[self.offset:self.offset + self.size] = ring
+            self.applied = bytes(applied)
+
+    def advance(self, pos, n):
+        jhdr = self.o.journal_sector
+        return jhdr + (pos - jhdr + n) % (self.size - jhdr)
+
+    def put(self, ring, pos, data):
+        """Writes data at pos, going round from the end to jhdr_size."""
+        done = 0
+        while done < len(data):
+            room = min(len(data) - done, self.size - pos)
+            ring[pos:pos + room] = data[done:done + room]
+            done += room
+            pos = self.advance(pos, room)
+
+    def damage(self, kind):
+        if not kind:
+            return
+        o, h, last = self.o, self.header, self.lists[-1]
+        jhdr = o.journal_sector
+        first_data = last.entries[0]
+        simple = {
+            "jib-flags": lambda: self.jib.__setitem__(0, JIB_IN_FS | 0x8),
+            "jib-not-in-fs": lambda: self.jib.__setitem__(0, 0),
+            "jib-beyond": lambda: self.jib.__setitem__(1, o.size - self.size // 2),
+            "jib-overlap": lambda: self.jib.__setitem__(1, 0),
+            "magic": lambda: setattr(h, "magic", 0x4A4E4C79),
+            "endian": lambda: setattr(h, "endian", 0x87654321),
+            "header-checksum": lambda: setattr(h, "bad_checksum", True),
+            "jhdr-size": lambda: setattr(h, "jhdr", 3 * jhdr // 2),
+            "size-mismatch": lambda: setattr(h, "size", h.size - jhdr),
+            "start-range": lambda: setattr(h, "start", h.size + jhdr),
+            "end-align": lambda: setattr(h, "end", h.end + 256),
+            "blhdr-zero": lambda: setattr(h, "blhdr", 0),
+            "blhdr-align": lambda: setattr(h, "blhdr", h.blhdr + jhdr // 2),
+            "blhdr-large": lambda: setattr(h, "blhdr", h.size),
+            "past-end": lambda: setattr(h, "end", self.advance(h.end, self.size - 2 * jhdr)),
+            "list-checksum": lambda: setattr(last, "bad_checksum", True),
+            "max-blocks": lambda: setattr(last, "max_blocks", 0),
+            "num-blocks": lambda: setattr(last, "num_blocks", last.max_blocks + 1),
+            "bsize-zero": lambda: first_data.__setitem__(1, 0),
+            "bsize-align": lambda: first_data.__setitem__(1, first_data[1] + jhdr // 2),
+            "bnum-beyond": lambda: first_data.__setitem__(0, o.size // jhdr),
+            "bytes-used": lambda: setattr(last, "bytes_used", last.bytes_used + jhdr),
+            "into-journal": lambda: first_data.__setitem__(0, (self.offset + jhdr) // jhdr),
+            "into-jib": lambda: first_data.__setitem__(0, self.jib_at // jhdr),
+        }
+        if kind == "size-small":
+            # Header and info block agree on a journal too small to use.
+            h.size = self.jib[2] = 128 * 1024
+            h.start = h.end = jhdr
+        elif kind in ("sequence", "data-checksum"):
+            if not last.new or (kind == "sequence" and len(self.lists) < 2):
+                raise BuildError("--journal-damage %s needs the new format%s"
+                                 % (kind, " and two block lists" if kind == "sequence" else ""))
+            if kind == "sequence":
+                last.entry0[2] += 2
+            else:
+                first_data[2] ^= 1
+        else:
+            simple[kind]()
+
+
+def dirty_journal(o, vol):
+    """The dirty journal of `vol`, with the images it needs built in memory."""
+    import copy
+    import tempfile
+
+    def image_of(label):
+        r = copy.copy(o)
+        r.label, r.uuid_label, r.journal, r.free_blocks = label, o.label, "clean", None
+        with tempfile.TemporaryDirectory() as tmp:
+            path = os.path.join(tmp, "image")
+            Volume(r).build().write(path)
+            with open(path, "rb") as f:
+                return f.read()
+
+    return DirtyJournal(o, vol, image_of)
 
 
 def journal_checksum(header):
@@ -1209,6 +1467,41 @@ def parse_args(argv):
     state.add_argument("--journal-byte-order", choices=("little", "big"), default="little",
                        help="byte order of the journal header (default little, as Intel and "
                        "Apple silicon Macs write it; PowerPC Macs write big)")
+    state.add_argument("--journal-size", type=int, default=JOURNAL_BYTES,
+                       help="bytes of journal (default 512 KiB; rounded up to whole blocks)")
+    state.add_argument("--journal-sector", type=int, default=JOURNAL_HEADER_SIZE,
+                       help="jhdr_size: the journal's sector, unit of its block numbers "
+                       "(default 512)")
+    state.add_argument("--journal-blhdr", type=int, default=JOURNAL_BLOCK_LIST_SIZE,
+                       help="blhdr_size: bytes of every block list header (default 4096)")
+    state.add_argument("--journal-sequence", type=int, default=4660,
+                       help="sequence number of the newest transaction before the dirty ones")
+    state.add_argument("--journal-rename", action="append", metavar="LABEL",
+                       help="with --journal dirty: one transaction renaming the volume to "
+                       "LABEL (repeatable, applied in order; default one rename to LABEL 2)")
+    state.add_argument("--journal-format", choices=("new", "old"), default="new",
+                       help="block lists of newer writers (flags, sequence numbers, data "
+                       "checksums) or older ones (flags 0, \"next\" in entry 0)")
+    state.add_argument("--journal-list-entries", type=int, default=0, metavar="N",
+                       help="at most N entries per block list (a transaction then spans "
+                       "several lists)")
+    state.add_argument("--journal-killed", action="store_true",
+                       help="every transaction also holds a killed entry (bnum all ones) "
+                       "whose data must never be written")
+    state.add_argument("--journal-wrap", choices=("header", "data"),
+                       help="start the transactions so that the first block list header "
+                       "(header) or its first block's data (data) is split at the end of the "
+                       "buffer")
+    state.add_argument("--journal-stale", action="store_true",
+                       help="lastMountedVersion H+Lx: a writer ignoring the journal mounted "
+                       "last, so the journal must never be replayed")
+    state.add_argument("--journal-damage", choices=JOURNAL_DAMAGE,
+                       help="with --journal dirty: damage the info block, the header or the "
+                       "last block list")
+    state.add_argument("--journal-applied", metavar="PATH",
+                       help="with --journal dirty: also write the image as a correct replay "
+                       "leaves it (the journal marked clean; unchanged when the journal is "
+                       "stale or damaged)")
     p.add_argument("--info-entries", action="store_true",
                    help="with --info, also list every folder and file (path, CNID, "
                    "type, size and SHA-256 of the data fork)")
@@ -1247,7 +1540,18 @@ def main(argv=None):
         vol = Volume(o).build()
         if o.free_blocks is not None:
             vol = fit_free_blocks(o, vol)
+        if o.journal == "dirty":
+            vol.dirty = dirty_journal(o, vol)
+        elif o.journal_damage or o.journal_applied or o.journal_rename:
+            raise BuildError("--journal-damage, --journal-applied and --journal-rename need "
+                             "--journal dirty")
         vol.write(o.out)
+        if o.journal_applied:
+            if vol.dirty.applied is None:
+                shutil.copyfile(o.out, o.journal_applied)
+            else:
+                with open(o.journal_applied, "wb") as f:
+                    f.write(vol.dirty.applied)
     except BuildError as e:
         print("mkimage: %s" % e, file=sys.stderr)
         return 1

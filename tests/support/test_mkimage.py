@@ -63,6 +63,7 @@ class Image:
     """Independent decoding of a built image."""
 
     def __init__(self, path):
+        self.path = path
         with open(path, "rb") as f:
             self.d = f.read()
         self.size = len(self.d)
@@ -472,6 +473,48 @@ class MkimageTest(unittest.TestCase):
                     self.assertNotEqual(checksum, 0)
                     if os.path.exists(CHECKIMAGE):
                         self.assertEqual(self.checker(path), (0, ""))
+
+    def test_dirty_journals(self):
+        """The copy a replay must give is the volume built directly with the
+        last label (outside the journal and the volume UUID, which follows the
+        first label), and the transactions start where --journal-wrap puts
+        them: the first block list header, or its first block, split at the
+        end of the buffer."""
+        cases = (([], [], "Vol 2"),
+                 (["--journal-byte-order", "big"], ["--journal-wrap", "header", "--journal-killed"],
+                  "Vol 2"),
+                 ([], ["--journal-wrap", "data", "--journal-rename", "A", "--journal-rename",
+                       "A much longer label", "--journal-list-entries", "1"], "A much longer label"),
+                 (["--block-size", 512, "--journal-sector", 4096, "--journal-blhdr", 8192],
+                  ["--journal-format", "old"], "Vol 2"))
+        for shape, journal, final in cases:
+            with self.subTest(shape=shape, journal=journal):
+                common = ["--size", 4 << 20, "--files", 30, "--folders", 3] + shape
+                applied = os.path.join(self.tmp, "a.img")
+                dirty = Image(self.build("d.img", "--label", "Vol", "--journal", "dirty",
+                                         "--journal-applied", applied, *common, *journal))
+                direct = Image(self.build("f.img", "--label", final, "--journal", "clean", *common))
+                after = Image(applied)
+                jib = struct.unpack_from(">I", dirty.hdr, 12)[0] * dirty.bs
+                offset, size = struct.unpack_from(">QQ", dirty.d, jib + 36)
+                uuid = {1024 + 104 + i for i in range(8)} | {dirty.size - 1024 + 104 + i
+                                                              for i in range(8)}
+                differ = lambda a, b: {i for i in range(0, len(a), 512)
+                                       if a[i:i + 512] != b[i:i + 512]
+                                       and not offset <= i < offset + size}
+                self.assertEqual(differ(after.d, direct.d) - {i // 512 * 512 for i in uuid}, set())
+                self.assertTrue(any(after.d[i] != direct.d[i] for i in uuid),
+                                "the UUID follows the first label")
+                self.assertNotEqual(differ(dirty.d, after.d), set())
+                self.assertEqual(dirty.d[offset + 512:offset + size], after.d[offset + 512:offset + size])
+                order = "<" if dirty.d[offset] == 0x78 else ">"
+                start, end, jsize, blhdr, _, jhdr = struct.unpack_from(order + "QQQIII", dirty.d,
+                                                                       offset + 8)
+                self.assertEqual((jsize, start != end), (size, True))
+                wrap = journal[journal.index("--journal-wrap") + 1] if "--journal-wrap" in journal else None
+                self.assertEqual(start + blhdr > size, wrap == "header")
+                self.assertEqual(start + blhdr < size < start + blhdr + 4096, wrap == "data")
+                self.assertEqual(self.checker(dirty.path), (0, ""))
 
 
 if __name__ == "__main__":
