@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Search and iteration cost of the B-tree engine against tree size: trees of
 // extents overflow records filled by insertion into builder images, then
 // timed searches of random present keys and a full iteration. For each size

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Cost of printing and changing the label of a 50,000-file volume, next to
 # blkid -p on the same image: wall time, peak memory, and the device reads and
 # writes each makes (requests and bytes, counted with strace).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Instructions the tool spends printing a label, against the depth of the
 # catalog: builder volumes of 512-byte catalog nodes whose catalogs are 1 to
 # 4 levels deep, each printed once under callgrind (instructions executed,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Startup cost of printing a label, in one hyperfine run on the same
 # 50,000-file volume: morvlabel against an empty static C program (the floor
 # of any exec), an empty dynamic one (the floor of a dynamically linked

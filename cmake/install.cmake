@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installation and Debian packages.
 #
 #   cmake --install <build> [--prefix /usr]     (DESTDIR=... is honoured)

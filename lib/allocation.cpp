@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation policy: write locations, and the growth and shrinking of the
 // special files whose fork data lies in the volume header.
 //

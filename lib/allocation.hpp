@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation policy: where a fork's next blocks go, and the growth and
 // shrinking of the special files, over the allocation bitmap, the extents
 // overflow tree and the volume header.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The allocation bitmap: opening the allocation file, allocating and freeing
 // runs of blocks, and choosing where a growing fork's next blocks go.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The allocation file (CNID 6): one bit per allocation block of the volume,
 // block n at bit 7 - (n mod 8) of byte n / 8 (the most significant bit of byte
 // 0 is block 0); a set bit means the block is allocated. It is opened as a

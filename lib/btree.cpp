@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // HFS+ B-tree engine.
 //
 // On-disk format. A B-tree file is an array of `nodeSize`-byte nodes; node N

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The HFS+ B-tree engine shared by the catalog and the extents overflow file:
 // opening a tree over its fork, record locators, search and iteration, node
 // claims from the node bitmap, insertion with node splits, and deletion.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Node allocation: the node bitmap, claims and frees.
 //
 // One bit per node says whether the node is in use: node N is bit 7 - N%8 of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Search and iteration: the cursor.
 //
 // A search descends from the root (or a given node) to the level asked for.

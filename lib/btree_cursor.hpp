@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // B-tree cursors: a path of (node, record index) from the root down, found by
 // a binary search in each node, stepped to the next or previous record across
 // sibling links. Internal to the B-tree engine (lib/btree*.cpp).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Deletion and re-keying.
 //
 // Deleting a record is an edit of its node that takes the record out

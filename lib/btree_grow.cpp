@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tree growth.
 //
 // morv_btree_expand grows a tree's file by one clump of its fork (clumpSize

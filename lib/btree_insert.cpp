@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Insertion and splitting: edits of nodes and what they ask of the level
 // above.
 //

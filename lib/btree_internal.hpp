@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the files of the B-tree engine share: the tree's and the locators'
 // private parts, the undo journal's state and the steps one part of the
 // engine asks of another. Internal to lib/btree*.cpp.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The undo journal: every change of a tree is all or nothing.
 //
 // An operation (insertion, deletion, a claim, a locator's data write) or a

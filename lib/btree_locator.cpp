@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Record locators: a client's handle on one record of a tree.
 //
 // A locator is one allocation: the tag "morvbrla", the allocation's size,

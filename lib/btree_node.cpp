@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // B-tree nodes: the one check, the cache of checked nodes, the header record
 // and the one write path.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // B-tree nodes: the on-disk node format, the one check every node passes
 // before the engine reads it, and the per-tree cache of checked nodes.
 // Internal to the B-tree engine (lib/btree*.cpp).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The catalog: key order, record locators, lookups, insertion, renaming,
 // deletion, file sizes, and symbolic and hard links.
 //

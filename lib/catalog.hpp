@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The catalog file (CNID 4): the B-tree of every folder and file record, and
 // the catalog record locators open on it.
 //

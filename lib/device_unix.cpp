@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Block device access over a POSIX descriptor. All transfers go through the
 // seam (support_unix) so that tests can count and fail them.
 #include "device_unix.hpp"

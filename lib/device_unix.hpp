@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Block device access: whole sectors read and written at a sector number on an
 // already opened descriptor, under an advisory whole-file lock (shared for a
 // read-only device, exclusive otherwise) held for the device's lifetime.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The extents overflow file: the thin client of the B-tree engine that
 // validates the tree, orders its keys and looks records up by exact key.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The extents overflow file (CNID 3): an HFS+ B-tree whose records hold the
 // extents of forks beyond the eight of their HFSPlusForkData.
 //

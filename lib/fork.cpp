@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Forks: an HFS+ fork as a flat byte range, and its block cache.
 //
 // On disk a fork is described by an HFSPlusForkData (80 bytes): logicalSize

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Forks: one HFS+ fork (the data of a special file such as the catalog or the
 // extents overflow file) seen as a flat byte range of `logicalSize` bytes over
 // its allocation blocks, with a block cache of 1 MiB items.

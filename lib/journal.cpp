@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The HFS+ journal (see journal.hpp for the overview).
 //
 // Journal info block (180 bytes at allocation block journalInfoBlock,

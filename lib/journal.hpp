@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The HFS+ journal: reading it, showing a volume as it will read once its
 // pending transactions are applied, and applying them (replay).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared definitions of the morv HFS+ library: error values, the log function,
 // byte-order helpers and the on-disk layouts that several modules read.
 //

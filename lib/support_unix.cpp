@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Logging, reader-writer locks and the allocation / device-transfer seam.
 #include "support_unix.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Platform support: reader-writer locks, and the one seam through which every
 // allocation and every device transfer of the library passes.
 //

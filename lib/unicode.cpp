@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unicode handling of HFS+ names.
 //
 // Names on disk are UTF-16, big-endian, at most 255 units, in the HFS+

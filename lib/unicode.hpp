@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Unicode handling of HFS+ names: UTF-8 <-> UTF-16 conversion, the HFS+
 // canonical decomposition and composition (with Hangul), and the two name
 // orderings of the catalog.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Volume header access and the volume object.
 //
 // The header sits at byte 1024 whatever the device's sector size S: it is read

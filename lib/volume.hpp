@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The volume: the in-memory HFS+ volume header and the objects opened over it.
 //
 // HFSPlusVolumeHeader is the 512-byte record at byte 1024 of the volume (the

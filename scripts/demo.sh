@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds morvlabel and shows it on a demo HFS+ image made by the project's
 # image builder: print the label, change it, print it again (composed and raw).
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Fuzz campaign over the libFuzzer targets of tests/fuzz (clang, ASan, UBSan,
 # leak checks), one target after the other:
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Groups fuzz findings by cause.
 
     fuzz_triage.py [-v] BINARY FINDING_OR_DIR...

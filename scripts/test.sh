@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the project four ways and runs every test in each:
 #   normal      native build
 #   sanitize    AddressSanitizer + UndefinedBehaviorSanitizer, any report fatal

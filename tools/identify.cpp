@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Says what a file or device holds when set-up found no HFS+ volume in it, so
 // that whoever named the wrong thing (most often a whole disk for one of its
 // partitions) learns what to name instead.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a file or device holds when it is not an HFS+ volume: the tool's one
 // line of advice after a failed set-up.
 #pragma once

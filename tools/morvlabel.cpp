@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // morvlabel: prints or changes the volume label of an unmounted HFS+ or HFSX
 // volume.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """End-to-end tests of the morvlabel binary on real volume images.
 
 Images come from the project's image builder (tests/support/mkimage.py) and

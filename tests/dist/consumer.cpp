@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program from outside the project, built against the installed library
 // through pkg-config: prints an HFS+ volume's label, or changes it to an
 // ASCII one when the volume's state allows.

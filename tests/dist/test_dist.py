@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What users get from a build: the manual page, the installed tree with a
 program built against it through pkg-config, the Debian packages (CPack's and
 dpkg-buildpackage's, checked by lintian) and the README's install commands.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: the allocating half of the library (deletion, special-file
 // growth and shrinking, tree growth, bitmap runs, symbolic links) on damaged
 // and valid volumes.

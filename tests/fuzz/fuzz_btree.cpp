@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: B-tree operations on damaged catalog and extents overflow
 // trees.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: changing the label of a damaged volume, on a memory copy.
 //
 // The input is a volume image whose first byte chooses the new label: below

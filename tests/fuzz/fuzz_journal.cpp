@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: reading, showing and replaying a hostile journal.
 //
 // The input holds the pieces of a journaled volume that the journal code

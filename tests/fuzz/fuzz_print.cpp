@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: printing the label of a damaged volume.
 //
 // The input is a volume image. The tool's own main prints its label twice,

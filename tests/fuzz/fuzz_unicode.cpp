@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: the Unicode converters, decomposition, composition and the
 // name orderings.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the allocation, growth and deletion tests: a volume opened with
 // its allocation file, flushed whole and checked, fork data of given extents,
 // catalog changes by CNID or path, and a failure loop that reopens the volume

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the B-tree and extents overflow tests: an image from the
 // builder opened as a device with its volume header in memory, extents keys
 // and records, a walk of a tree's leaf records, the structure-only checker.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fixtures of the device, catalog and volume tests: catalog keys in
 // host-side form, lookups released with their object, and devices, catalogs
 // and volumes opened over images from the image builder.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test tooling of the B-tree engine's model-based tests.
 #pragma once
 

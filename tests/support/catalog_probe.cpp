@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test tool: changes and queries a volume through the library's catalog
 // operations, so that the kernel reader test can let the Linux kernel read
 // what the library wrote, and the library follow what the kernel wrote.

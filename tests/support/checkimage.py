@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Independent consistency checker for an unmounted HFS+ / HFSX volume image.
 
 usage: checkimage.py IMAGE [--offset BYTES] [--allow-orphan-blocks] [--structure-only]

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Helpers of the end-to-end tests of morvlabel: running the tool (through an
 emulator when cross-built), building and checking images, reading labels
 back with blkid."""

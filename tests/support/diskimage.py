@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Test tooling: whole-disk images around volumes, and the first sectors of
 other file systems, for the tests of what morvlabel says a file holds.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Linked only into the test build of the tool (morvlabel_faults): arms the
 // library's seam from the environment so that end-to-end tests can fail the
 // N-th allocation or device transfer of a real run.

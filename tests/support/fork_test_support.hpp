@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the fork tests: an image file with a fork placed by extents and
 // a model of its expected contents, and a recorder of device transfers.
 #pragma once

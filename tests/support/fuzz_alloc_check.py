@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """The checker half of fuzz_alloc's properties, too slow to run in process.
 
     fuzz_alloc_check.py FUZZ_ALLOC CHECKIMAGE INPUT_DIR... [--sample N]

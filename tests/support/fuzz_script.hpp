@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The operation scripts of fuzz_btree: a reader of the script bytes in a
 // volume's boot blocks, and the catalog and extents overflow keys they
 // describe (the format is at the top of tests/fuzz/fuzz_btree.cpp).

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Seed corpus of the fuzz targets, made at build time by the image builder.
 
     fuzz_seeds.py OUT_DIR

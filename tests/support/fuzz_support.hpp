@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared by the fuzz targets: the input volume in a memory file, the tool's
 // own main run on it with standard output captured, the library's log lines
 // kept quiet, and the report of a broken property.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the journal tests: builder volumes with pending transactions
 // and the image a correct replay leaves, journals opened over an image, and
 // replay runs.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """The Linux kernel's hfsplus driver as a second reader, in one boot: it must
 list exactly what the image builder says it made (HFS+ and HFSX, several
 block and node sizes, fragmented files with overflow extents, a catalog in

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """A second reader of HFS+ volumes: the Linux kernel's hfsplus driver.
 
 Debian's kernel image boots under qemu-system-x86_64 (software emulation, no

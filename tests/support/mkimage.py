@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Build an HFS+ or HFSX volume image for the tests.
 
     mkimage.py OUT --size BYTES --label TEXT [options]

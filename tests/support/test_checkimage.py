@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Tests of the volume checker against xorriso volumes, builder volumes and
 deliberate damage."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Tests of the HFS+ image builder: blkid must recognise its volumes, an
 independent decoding of each image must find the invariants of the format,
 and the volume checker (when present) must pass clean images and fail each

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers shared by the unit tests: scratch files, images from the project's
 // image builder, the volume checker, and captured log output.
 #pragma once

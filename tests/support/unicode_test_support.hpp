@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the Unicode tests: names in big-endian form at any alignment,
 // composition and decomposition of whole names, and a reference ordering of
 // names built from the project's case-folding data.

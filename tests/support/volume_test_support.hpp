@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Helpers of the volume tests: a bare volume header image, volumes opened
 // over builder images patched first, and patches of the journal's structures.
 #pragma once

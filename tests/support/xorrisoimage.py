@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Make a bare HFS+ volume with xorriso, as an independent real-world sample.
 
 usage: xorrisoimage.py OUT --label TEXT [--files N] [--block-size 512|2048]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // GCC 12 at -O3 vectorizes make_key's name loop even for the empty name of a
 // thread key, and then warns of a store past the 8-byte key that the loop
 // never makes.

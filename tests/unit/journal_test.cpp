@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Journal tests over builder volumes with pending transactions: replay must
 // give the builder's directly changed copy, the overlay must show it without
 // writing, and damage must be refused with nothing written.
