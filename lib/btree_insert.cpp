@@ -520,20 +520,6 @@ namespace {
   return MORV_OK;
 }
 
-[[nodiscard]] morv_err bump_leaf_records(morv_btree* tree, bool up) {
-  tree_header h;
-  morv_err err = read_tree_header(tree, &h);
-  if (err) return err;
-  h.set(hr::kLeafRecords, h.leaf_records() + (up ? 1u : uint32_t{0xFFFFFFFF}));
-  if ((err = tree_write(tree, hr::kForkOffset, h.raw, hr::kSize))) {
-    if (up)
-      MORV_ERROR("Error while writing out incremented leaf record count in header record.\n");
-    else
-      MORV_ERROR("Error while writing out decremented 'leafRecords' in B-tree header record.\n");
-  }
-  return err;
-}
-
 [[nodiscard]] morv_err insert_body(morv_btree* tree, const uint8_t* key, const void* data,
                                    uint16_t data_size, const morv_btree_search_result* location,
                                    morv_btree_record_locator** out_locator) {
