@@ -35,10 +35,10 @@ bool has_pointer_conversion(const char* format) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <typename T>
-void write_conversion(const char* spec, const int* stars, int star_count, T value) {
-  if (star_count == 0) fprintf(stderr, spec, value);
-  if (star_count == 1) fprintf(stderr, spec, stars[0], value);
-  if (star_count == 2) fprintf(stderr, spec, stars[0], stars[1], value);
+void write_conversion(const char* directive, const int* stars, int star_count, T value) {
+  if (star_count == 0) fprintf(stderr, directive, value);
+  if (star_count == 1) fprintf(stderr, directive, stars[0], value);
+  if (star_count == 2) fprintf(stderr, directive, stars[0], stars[1], value);
 }
 #pragma GCC diagnostic pop
 
@@ -69,37 +69,37 @@ void write_hiding_pointers(const char* format, va_list& args) {
     const char conversion = *p;
     if (conversion == '\0') return;
     ++p;
-    char spec[32];
-    const size_t spec_length = static_cast<size_t>(p - start);
-    if (spec_length >= sizeof spec) return;
-    memcpy(spec, start, spec_length);
-    spec[spec_length] = '\0';
+    char directive[32];
+    const size_t directive_length = static_cast<size_t>(p - start);
+    if (directive_length >= sizeof directive) return;
+    memcpy(directive, start, directive_length);
+    directive[directive_length] = '\0';
     const bool ll = strncmp(length, "ll", 2) == 0;
     const bool l = !ll && *length == 'l';
     if (conversion == 'p' || conversion == 'n') {
       (void)va_arg(args, void*);
       if (conversion == 'p') fputs("(pointer)", stderr);
     } else if (conversion == 's') {
-      write_conversion(spec, stars, star_count, va_arg(args, const char*));
+      write_conversion(directive, stars, star_count, va_arg(args, const char*));
     } else if (strchr("di", conversion)) {
-      if (ll) write_conversion(spec, stars, star_count, va_arg(args, long long));
-      else if (l) write_conversion(spec, stars, star_count, va_arg(args, long));
-      else if (*length == 'z') write_conversion(spec, stars, star_count, va_arg(args, ssize_t));
-      else if (*length == 't') write_conversion(spec, stars, star_count, va_arg(args, ptrdiff_t));
-      else if (*length == 'j') write_conversion(spec, stars, star_count, va_arg(args, intmax_t));
-      else write_conversion(spec, stars, star_count, va_arg(args, int));
+      if (ll) write_conversion(directive, stars, star_count, va_arg(args, long long));
+      else if (l) write_conversion(directive, stars, star_count, va_arg(args, long));
+      else if (*length == 'z') write_conversion(directive, stars, star_count, va_arg(args, ssize_t));
+      else if (*length == 't') write_conversion(directive, stars, star_count, va_arg(args, ptrdiff_t));
+      else if (*length == 'j') write_conversion(directive, stars, star_count, va_arg(args, intmax_t));
+      else write_conversion(directive, stars, star_count, va_arg(args, int));
     } else if (strchr("ouxX", conversion)) {
-      if (ll) write_conversion(spec, stars, star_count, va_arg(args, unsigned long long));
-      else if (l) write_conversion(spec, stars, star_count, va_arg(args, unsigned long));
-      else if (*length == 'z') write_conversion(spec, stars, star_count, va_arg(args, size_t));
-      else if (*length == 't') write_conversion(spec, stars, star_count, va_arg(args, ptrdiff_t));
-      else if (*length == 'j') write_conversion(spec, stars, star_count, va_arg(args, uintmax_t));
-      else write_conversion(spec, stars, star_count, va_arg(args, unsigned));
+      if (ll) write_conversion(directive, stars, star_count, va_arg(args, unsigned long long));
+      else if (l) write_conversion(directive, stars, star_count, va_arg(args, unsigned long));
+      else if (*length == 'z') write_conversion(directive, stars, star_count, va_arg(args, size_t));
+      else if (*length == 't') write_conversion(directive, stars, star_count, va_arg(args, ptrdiff_t));
+      else if (*length == 'j') write_conversion(directive, stars, star_count, va_arg(args, uintmax_t));
+      else write_conversion(directive, stars, star_count, va_arg(args, unsigned));
     } else if (strchr("eEfFgGaA", conversion)) {
-      if (*length == 'L') write_conversion(spec, stars, star_count, va_arg(args, long double));
-      else write_conversion(spec, stars, star_count, va_arg(args, double));
+      if (*length == 'L') write_conversion(directive, stars, star_count, va_arg(args, long double));
+      else write_conversion(directive, stars, star_count, va_arg(args, double));
     } else if (conversion == 'c') {
-      write_conversion(spec, stars, star_count, va_arg(args, int));
+      write_conversion(directive, stars, star_count, va_arg(args, int));
     } else {
       return;  // a conversion no message uses: stop rather than guess its argument
     }
